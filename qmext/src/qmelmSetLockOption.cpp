@@ -1,0 +1,9 @@
+// Public entry of the option table: QMELM_Reset removes a path and what lies
+// below it, every other option is stored. The choice is made on the option
+// alone; an absent path does not select removal.
+#include "xvelm.h"
+
+int qmelmsetlockoption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) noexcept {
+  if (parms->option == QMELM_Reset) return xvelmRemoveOption(ext, parms, jnl);
+  return xvelmAddOption(ext, parms, jnl);
+}

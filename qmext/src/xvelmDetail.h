@@ -1,0 +1,262 @@
+/*
+ * xvelmDetail.h - the lock manager's internal toolkit: QMChar literals, RAII
+ * guards over host mutexes and pool blocks, the message composer, the
+ * journal choice, the system-call table and the private extension state.
+ * Everything here is internal: nothing is exported from libqmelm.so.
+ */
+#ifndef XVELM_DETAIL_H
+#define XVELM_DETAIL_H
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <utility>
+
+#include "qmelm.h"
+#include "qmp.h"
+
+// Clang's thread-safety analysis sees the guards as scoped capabilities; the
+// macros are empty for other compilers.
+#if defined(__clang__)
+#define XVELM_TSA(x) __attribute__((x))
+#else
+#define XVELM_TSA(x)
+#endif
+
+// (The namespace is xvelm: the name qmelm belongs to the factory function.)
+namespace xvelm::detail {
+
+// ---- QMChar literals ------------------------------------------------------
+
+// A QMChar copy of a narrow literal, usable as a constexpr format or path.
+template <std::size_t N>
+struct QMLiteral {
+  QMChar text[N] = {};
+  constexpr explicit QMLiteral(const char (&s)[N]) {
+    for (std::size_t i = 0; i < N; ++i) text[i] = static_cast<unsigned char>(s[i]);
+  }
+  constexpr const QMChar *data() const { return text; }
+  static constexpr QMStrSize size() { return static_cast<QMStrSize>(N - 1); }
+};
+
+inline constexpr QMLiteral kFmtCountedString("%.*s");  // a counted QMChar string
+inline constexpr QMLiteral kRootPath("/");
+
+// ---- mutexes -------------------------------------------------------------
+
+enum class LockMode : int { Shared = 0, Exclusive = 1 };
+
+// Holds a host mutex for its scope: get(mode, 1) on construction, release on
+// destruction or unlock(). The host's mutexes never fail a valid get.
+class XVELM_TSA(scoped_lockable) MutexGuard {
+ public:
+  explicit MutexGuard(QMLockh m, LockMode mode = LockMode::Exclusive) XVELM_TSA(no_thread_safety_analysis)
+      : m_(m), held_(m->get(m, static_cast<int>(mode), 1) == 0) {}
+  ~MutexGuard() XVELM_TSA(no_thread_safety_analysis) { unlock(); }
+  MutexGuard(const MutexGuard &) = delete;
+  MutexGuard &operator=(const MutexGuard &) = delete;
+  void unlock() XVELM_TSA(no_thread_safety_analysis) {
+    if (held_) {
+      held_ = false;
+      (void)m_->release(m_);
+    }
+  }
+  bool held() const { return held_; }
+
+ private:
+  QMLockh m_;
+  bool held_;
+};
+
+// Destroys a host object (mutex, pipeline, extension, journal) through its
+// generic header when it is not null.
+inline void destroyObject(void *object) {
+  if (object != nullptr) (void)static_cast<QMGeneric *>(object)->destroy(object);
+}
+
+// Owns a host object made by a constructor until release(): failure paths
+// destroy it, success hands it on.
+template <class H>
+class HostObject {
+ public:
+  HostObject() = default;
+  explicit HostObject(H h) : h_(h) {}
+  ~HostObject() { destroyObject(h_); }
+  HostObject(const HostObject &) = delete;
+  HostObject &operator=(const HostObject &) = delete;
+  H get() const { return h_; }
+  explicit operator bool() const { return h_ != nullptr; }
+  [[nodiscard]] H release() { return std::exchange(h_, nullptr); }
+
+ private:
+  H h_ = nullptr;
+};
+
+// ---- pool blocks ----------------------------------------------------------
+
+// Owns a block of a host pool until release(); frees it otherwise.
+template <class T>
+class PoolPtr {
+ public:
+  PoolPtr() = default;
+  PoolPtr(QMPoolh pool, T *p) : pool_(pool), p_(p) {}
+  // Allocates bytes (at least sizeof(T) when bytes is 0) with the pool flags.
+  static PoolPtr alloc(QMPoolh pool, std::size_t bytes = 0, uint32_t flags = QM_POOL_ZERO_FILL) {
+    if (bytes == 0) bytes = sizeof(T);
+    return PoolPtr(pool, static_cast<T *>(pool->memAlloc(pool, bytes, flags)));
+  }
+  ~PoolPtr() { (void)reset(); }
+  PoolPtr(PoolPtr &&o) noexcept : pool_(o.pool_), p_(std::exchange(o.p_, nullptr)) {}
+  PoolPtr &operator=(PoolPtr &&o) noexcept {
+    if (this != &o) {
+      (void)reset();
+      pool_ = o.pool_;
+      p_ = std::exchange(o.p_, nullptr);
+    }
+    return *this;
+  }
+  PoolPtr(const PoolPtr &) = delete;
+  PoolPtr &operator=(const PoolPtr &) = delete;
+
+  T *get() const { return p_; }
+  T *operator->() const { return p_; }
+  T &operator*() const { return *p_; }
+  explicit operator bool() const { return p_ != nullptr; }
+  [[nodiscard]] T *release() { return std::exchange(p_, nullptr); }
+  // Frees the block now and returns the pool's status (0 when there was none).
+  [[nodiscard]] QMStatus reset() {
+    if (p_ == nullptr) return 0;
+    return pool_->memFree(pool_, std::exchange(p_, nullptr));
+  }
+
+ private:
+  QMPoolh pool_ = nullptr;
+  T *p_ = nullptr;
+};
+
+// ---- journals --------------------------------------------------------------
+
+// The journal an operation reports to: the caller's, or, when the caller gave
+// none and QMELM_DEBUG_VERBOSE_ERRORS is set, the host's default journal.
+// Lock get, release and change choose their journal with this alone.
+QMJnlh chooseJournal(const QMELMExtension *ext, QMJnlh jnl) noexcept;
+
+// Journals one status (with its parameters) at severity 4 when jnl is not null.
+template <class... A>
+void journalStatus(QMJnlh jnl, QMStatus status, A... args) noexcept {
+  if (jnl != nullptr) (void)qmlStatusToJnl(jnl, QMSeverityError, status, args...);
+}
+
+// Frees a block to pool, journals a failing free, and returns the pool's status.
+QMStatus freeBlock(QMPoolh pool, void *block, QMJnlh jnl) noexcept;
+
+// Composes one message of several pieces and journals it once.
+//
+// The buffer (2048 QMChars by default) comes from the extension's pool and is
+// only allocated when there is a journal; without one every call is a no-op.
+// Each piece is rendered at the running end of the text. The room a piece is
+// offered is 2048 minus the length of the piece written just before it (the
+// long-standing rule of these messages, kept so that texts compare equal),
+// but never more than the buffer really has left. In Checked mode a failing
+// piece abandons the message quietly; in Unchecked mode the piece is skipped
+// and the rest is still journaled. The status being reported never changes.
+class Message {
+ public:
+  enum class Mode { Checked, Unchecked };
+  static constexpr QMStrSize kRoom = 2048;
+
+  Message(const QMELMExtension *ext, QMJnlh jnl, Mode mode = Mode::Checked,
+          QMStrSize capacity = kRoom) noexcept;
+  ~Message();
+  Message(const Message &) = delete;
+  Message &operator=(const Message &) = delete;
+
+  // Renders the catalogue text of status with its parameters.
+  template <class... A>
+  Message &status(QMStatus st, A... args) noexcept {
+    if (!live()) return *this;
+    QMStrSize len = 0;
+    QMStatus rc = qmlStatusToBuf(jnl_, st, buf_ + used_, room(), &len, args...);
+    return advance(rc, len);
+  }
+  // Renders a counted QMChar string (a path or a file name).
+  Message &text(const QMChar *s, QMStrSize len) noexcept;
+  // Abandons the message unless len more characters fit after the text so far.
+  Message &requireRoom(QMStrSize len) noexcept;
+  // Journals the text once (format "%.*s"); nothing when abandoned or without
+  // a journal. Returns the journal's status, or 0 when nothing was written.
+  QMStatus journal(QMSeverity sev = QMSeverityError) noexcept;
+
+  bool active() const { return buf_ != nullptr; }  // a journal and a buffer
+  bool abandoned() const { return failed_; }
+  QMStrSize length() const { return used_; }
+
+ private:
+  bool live() const { return buf_ != nullptr && !failed_; }
+  QMStrSize room() const;
+  Message &advance(QMStatus rc, QMStrSize len) noexcept;
+  void dropBuffer() noexcept;
+
+  QMPoolh pool_ = nullptr;
+  QMJnlh jnl_ = nullptr;
+  Mode mode_;
+  QMStrSize capacity_;
+  QMChar *buf_ = nullptr;
+  QMStrSize used_ = 0;
+  QMStrSize last_ = 0;  // length of the piece written just before
+  bool failed_ = false;
+};
+
+// ---- system calls ----------------------------------------------------------
+
+// Every system call on a locked file goes through this table, so that tests
+// can make any of them fail on demand. The defaults are libc's. fcntl's third
+// argument is a struct flock* for the record-lock commands and the flag value
+// (cast to a pointer) for F_SETFD.
+struct Syscalls {
+  int (*open)(const char *path, int flags, mode_t mode);
+  int (*close)(int fd);
+  int (*fcntl)(int fd, int cmd, void *arg);
+  int (*stat)(const char *path, struct stat *st);
+  int (*fstat)(int fd, struct stat *st);
+  off_t (*lseek)(int fd, off_t offset, int whence);
+  int (*unlink)(const char *path);
+};
+
+// The table in use. Tests may overwrite entries while no other thread is in
+// the extension, and restore them with resetSyscalls().
+Syscalls &sys() noexcept;
+void resetSyscalls() noexcept;
+
+// ---- live handles ----------------------------------------------------------
+
+// What lock acquisition really allocates for a handle: the public handle and
+// the link of the process-wide set of live handles.
+struct HandleBlock {
+  XVELMLHndl pub;
+  HandleBlock *nextLive;  // chain of the set's bucket; guarded by the bucket's lock
+};
+
+// The set of live handles of every lock manager in the process. A handle
+// joins it when lock acquisition hands it out and leaves it when a release
+// takes it over, before anything reads it: a handle released twice (or never
+// handed out) is recognised without touching freed memory. The set allocates
+// nothing (its chains run through the handle blocks) and its bucket locks are
+// leaves of the lock order, held for a few pointer operations.
+void registerHandle(HandleBlock *h) noexcept;
+// Takes a handle out of the set; false when it was not live.
+[[nodiscard]] bool unregisterHandle(const void *h) noexcept;
+
+// ---- atomics on shared public fields ---------------------------------------
+
+// DeadNode is written under NodeMutex and read by the list walk under
+// ListMutex only; Info is read by update and close without any mutex.
+inline bool isDead(const QMELMResLock *n) { return __atomic_load_n(&n->DeadNode, __ATOMIC_ACQUIRE) != 0; }
+inline void markDead(QMELMResLock *n) { __atomic_store_n(&n->DeadNode, QMBoolean{1}, __ATOMIC_RELEASE); }
+inline QMELMIOInfop loadInfo(const QMELMResLock *n) { return __atomic_load_n(&n->Info, __ATOMIC_ACQUIRE); }
+inline void storeInfo(QMELMResLock *n, QMELMIOInfop r) { __atomic_store_n(&n->Info, r, __ATOMIC_RELEASE); }
+
+}  // namespace xvelm::detail
+
+#endif  // XVELM_DETAIL_H

@@ -1,0 +1,65 @@
+// The process-wide set of live lock handles. Buckets are chains through the
+// handle blocks themselves, so the set never allocates and never fails; each
+// bucket stripe has a tiny spin lock held for a few pointer operations only
+// (a leaf of the lock order: nothing is called while it is held).
+#include <atomic>
+#include <cstdint>
+
+#include "xvelmDetail.h"
+
+namespace xvelm::detail {
+namespace {
+
+constexpr std::size_t kBuckets = 4096;
+constexpr std::size_t kStripes = 64;
+
+HandleBlock *buckets[kBuckets];
+std::atomic_flag stripes[kStripes];
+
+std::size_t bucketOf(const void *h) {
+  auto v = reinterpret_cast<std::uintptr_t>(h);
+  v ^= v >> 17;
+  v *= 0x9E3779B97F4A7C15ull;
+  return static_cast<std::size_t>(v >> 40) % kBuckets;
+}
+
+class StripeGuard {
+ public:
+  explicit StripeGuard(std::size_t bucket) : flag_(stripes[bucket % kStripes]) {
+    while (flag_.test_and_set(std::memory_order_acquire)) flag_.wait(true, std::memory_order_relaxed);
+  }
+  ~StripeGuard() {
+    flag_.clear(std::memory_order_release);
+    flag_.notify_one();
+  }
+  StripeGuard(const StripeGuard &) = delete;
+  StripeGuard &operator=(const StripeGuard &) = delete;
+
+ private:
+  std::atomic_flag &flag_;
+};
+
+}  // namespace
+
+void registerHandle(HandleBlock *h) noexcept {
+  std::size_t b = bucketOf(h);
+  StripeGuard g(b);
+  h->nextLive = buckets[b];
+  buckets[b] = h;
+}
+
+bool unregisterHandle(const void *h) noexcept {
+  std::size_t b = bucketOf(h);
+  StripeGuard g(b);
+  // Only live blocks are on the chain, so following it never reads a block
+  // that was given back to the pool.
+  for (HandleBlock **link = &buckets[b]; *link != nullptr; link = &(*link)->nextLive) {
+    if (*link == h) {
+      *link = (*link)->nextLive;
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace xvelm::detail
