@@ -3,7 +3,7 @@
 JOBS ?= 2
 CMAKE ?= cmake
 
-.PHONY: deps demo test asan tsan bench clean
+.PHONY: deps demo test asan tsan clang bench clean
 
 deps:
 	@./.ci/deps
@@ -29,10 +29,15 @@ tsan: | deps
 	$(CMAKE) --build build-tsan -j$(JOBS)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -j$(JOBS)
 
+# Compiles everything with clang++ and its thread-safety analysis (no run).
+clang: | deps
+	CXX=clang++ CC=clang $(CMAKE) -S . -B build-clang -DCMAKE_BUILD_TYPE=Debug -DQMELM_THREAD_SAFETY=ON
+	$(CMAKE) --build build-clang -j$(JOBS)
+
 bench: | deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release
 	$(CMAKE) --build build-bench -j$(JOBS)
 	@for b in build-bench/bin/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-clang build-bench
