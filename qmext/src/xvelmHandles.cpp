@@ -4,6 +4,7 @@
 // (a leaf of the lock order: nothing is called while it is held).
 #include <atomic>
 #include <cstdint>
+#include <thread>
 
 #include "xvelmDetail.h"
 
@@ -26,12 +27,9 @@ std::size_t bucketOf(const void *h) {
 class StripeGuard {
  public:
   explicit StripeGuard(std::size_t bucket) : flag_(stripes[bucket % kStripes]) {
-    while (flag_.test_and_set(std::memory_order_acquire)) flag_.wait(true, std::memory_order_relaxed);
+    while (flag_.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
   }
-  ~StripeGuard() {
-    flag_.clear(std::memory_order_release);
-    flag_.notify_one();
-  }
+  ~StripeGuard() { flag_.clear(std::memory_order_release); }
   StripeGuard(const StripeGuard &) = delete;
   StripeGuard &operator=(const StripeGuard &) = delete;
 
