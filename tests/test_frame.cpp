@@ -3,9 +3,11 @@
 // object exports.
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <set>
 
 #include "qmtest_fixture.h"
+#include "xvelmDetail.h"
 
 extern "C" {
 QMExtensionh qmelm(QMHndlp, QMJnlh) noexcept;
@@ -178,4 +180,22 @@ TEST(Frame, SharedObjectExportsOnlyTheEntryPoints) {
     EXPECT_TRUE(allowed.count(s)) << "unexpected export " << s;
   }
   for (const std::string &s : allowed) EXPECT_TRUE(exported.count(s)) << "missing export " << s;
+}
+
+// Handles still held when their extension goes are freed with its pool; the
+// process-wide set of live handles must forget them, or the next handles that
+// land in the same buckets would be chained to freed memory.
+TEST(Frame, DestroyForgetsHandlesNobodyReleased) {
+  TempDir dir;
+  std::vector<const void *> abandoned;
+  {
+    TestHost host;
+    for (int i = 0; i < 64; ++i) {
+      LockRequest req(dir.file("held" + std::to_string(i)));
+      int rc = 0;
+      abandoned.push_back(host.lock(req, QMELM_INT_EXCLUSIVE | QMELM_EXT_EXCLUSIVE, &rc));
+      ASSERT_NE(abandoned.back(), nullptr) << hex(rc);
+    }
+  }
+  for (const void *h : abandoned) EXPECT_FALSE(xvelm::detail::unregisterHandle(h));
 }

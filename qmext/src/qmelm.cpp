@@ -128,6 +128,7 @@ QMStatus qmelmdestroy(QMExtensionh extension) noexcept {
     QMELMResetIOInfoParms parms = kResetParms;
     (void)ext->Functions.ResetIOInfo(ext, &parms, nullptr);
   }
+  unregisterHandlesOf(ext);
   destroyObject(ext->qmioeh);
   (void)ext->toOS->generic.destroy(ext->toOS);
   (void)ext->fromOS->generic.destroy(ext->fromOS);

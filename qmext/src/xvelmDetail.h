@@ -247,6 +247,9 @@ struct HandleBlock {
 void registerHandle(HandleBlock *h) noexcept;
 // Takes a handle out of the set; false when it was not live.
 [[nodiscard]] bool unregisterHandle(const void *h) noexcept;
+// Takes every handle of an extension out of the set: its destroy frees them
+// with its pool, whether or not their holders released them.
+void unregisterHandlesOf(const QMELMExtension *ext) noexcept;
 
 // ---- atomics on shared public fields ---------------------------------------
 

@@ -60,4 +60,16 @@ bool unregisterHandle(const void *h) noexcept {
   return false;
 }
 
+void unregisterHandlesOf(const QMELMExtension *ext) noexcept {
+  for (std::size_t b = 0; b < kBuckets; ++b) {
+    StripeGuard g(b);
+    for (HandleBlock **link = &buckets[b]; *link != nullptr;) {
+      if ((*link)->pub.Common.Private.ExtHndl == ext)
+        *link = (*link)->nextLive;
+      else
+        link = &(*link)->nextLive;
+    }
+  }
+}
+
 }  // namespace xvelm::detail

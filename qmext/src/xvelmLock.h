@@ -1,0 +1,172 @@
+/*
+ * xvelmLock.h - private types and helpers of file locking: the node and I/O
+ * record as they are really allocated, the descriptor lists, the open(2)
+ * loop, the errno-to-status table of opens, and the one composer of
+ * file-lock failure messages shared by acquisition, release and close.
+ * Internal to the extension.
+ */
+#ifndef XVELM_LOCK_H
+#define XVELM_LOCK_H
+
+#include "xvelmDetail.h"
+
+namespace xvelm::detail {
+
+struct NodeState;
+
+// An I/O record as it is allocated. Callers and the extension's list only
+// ever see `pub`. Mutex rules: owner, nodeNext and retired are guarded by the
+// extension's IOInfoMutex, like pub.next and pub.prev; pub's counters and
+// closeTime by pub.mutex; openTime, OpenFlags and ResourceType change only
+// when a retired record is reused, under both.
+struct IORecord {
+  QMELMIOInfo pub;     // first member: the public record
+  NodeState *owner;    // the node whose chain holds it; null once that node is destroyed
+  IORecord *nodeNext;  // next record on the owner's chain
+  bool retired;        // forgotten by a reset but kept for the node's handles
+};
+
+// A file node as it is allocated: the public node and the chain of every I/O
+// record made for it (guarded by IOInfoMutex). A record on the chain is never
+// freed while the node lives, so the node's Info can always be followed.
+struct NodeState {
+  XVELMFileLock pub;  // first member: the public node
+  IORecord *records;  // newest first
+};
+
+inline XVELMLHndl *fileHandleOf(QMELMLHndlp lock) {
+  return reinterpret_cast<XVELMLHndl *>(lock);
+}
+inline HandleBlock *handleBlockOf(QMELMLHndlp lock) {
+  return reinterpret_cast<HandleBlock *>(lock);
+}
+inline NodeState *nodeOf(QMELMLHndlp lock) {
+  return reinterpret_cast<NodeState *>(lock->Private.ResLock);
+}
+inline NodeState *nodeOf(QMELMResLockp res) {
+  return reinterpret_cast<NodeState *>(res);
+}
+inline IORecord *recordOf(QMELMIOInfop info) {
+  return reinterpret_cast<IORecord *>(info);
+}
+
+// ---- descriptor lists (under the node's NodeMutex) --------------------------
+
+inline void pushDescriptor(XVELMFileDescriptorp &head, XVELMFileDescriptorp d) {
+  d->prev = nullptr;
+  d->next = head;
+  if (head != nullptr) head->prev = d;
+  head = d;
+}
+
+inline void unlinkDescriptor(XVELMFileDescriptorp &head, XVELMFileDescriptorp d) {
+  if (d->prev != nullptr)
+    d->prev->next = d->next;
+  else
+    head = d->next;
+  if (d->next != nullptr) d->next->prev = d->prev;
+  d->next = d->prev = nullptr;
+}
+
+// ---- open(2) -----------------------------------------------------------------
+
+// Which caller's errno table applies to a failed open: lock change does not
+// map EEXIST (it never creates a file exclusively).
+enum class OpenCaller { Acquisition, Change };
+
+// The status of a failed open(2) for errno err (ESTALE only after its retry).
+[[nodiscard]] QMStatus openFailureStatus(int err,
+                                         OpenCaller caller = OpenCaller::Acquisition) noexcept;
+
+// open(2) through the system-call table, retried without limit on EINTR and
+// once on ESTALE. Returns the descriptor, or -1 with errno of the last try.
+[[nodiscard]] int openRetrying(const char *path, uint32_t flags, uint32_t mode) noexcept;
+
+// Sets close-on-exec on a fresh descriptor above 2. Descriptors 0 to 2 are
+// deliberately left alone: a host that runs with a standard stream closed
+// gets its file there, and must still see it in a child it execs.
+void setCloseOnExec(int fd) noexcept;
+
+// ---- file-lock failure messages -----------------------------------------------
+
+// What follows the resource name in a file-lock failure message.
+enum class MessageTail {
+  Errno,       // the end piece, then the errno piece
+  End,         // the end piece alone (the short message)
+  DoubledEnd,  // the end piece twice: the unlink failure's message, kept so
+};
+
+// How the rendering is checked: refusal, rewind and identity messages are
+// journaled with whatever rendered; open failures give up on a failing piece
+// or on a name that cannot fit in the room left.
+enum class Rendering { Unchecked, Checked, CheckedFitName };
+
+struct FailureText {
+  QMStatus head;       // the status heading the message
+  const QMChar *name;  // the resource name
+  QMStrSize nameLen;
+  MessageTail tail;
+  int err = 0;  // the errno piece's value
+};
+
+// Journals one file-lock failure message: head, the resource piece, the name,
+// then the tail. Nothing without a journal. Returns false only when a journal
+// was given and the message was abandoned while composing it.
+[[nodiscard]] bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl,
+                                          const FailureText &t, Rendering r) noexcept;
+
+// The name messages about a node use: the caller's when it gave parameters,
+// else the node's own copy.
+inline void messageName(const XVELMFileLockParms *parms, const NodeState *node, const QMChar **name,
+                        QMStrSize *len) {
+  if (parms != nullptr) {
+    *name = parms->Filename;
+    *len = static_cast<QMStrSize>(parms->FilenameLen);
+  } else {
+    *name = node->pub.ID.Filename;
+    *len = static_cast<QMStrSize>(node->pub.ID.FilenameLen);
+  }
+}
+
+// ---- pool blocks whose failing free is journaled ------------------------------
+
+// Like PoolPtr, but a failing free (which only a corrupted pool produces) is
+// journaled, as every free of lock acquisition and release is.
+template <class T>
+class JournaledBlock {
+ public:
+  JournaledBlock(QMPoolh pool, QMJnlh jnl, T *p = nullptr) : pool_(pool), jnl_(jnl), p_(p) {}
+  ~JournaledBlock() { (void)reset(); }
+  JournaledBlock(const JournaledBlock &) = delete;
+  JournaledBlock &operator=(const JournaledBlock &) = delete;
+  T *get() const { return p_; }
+  T *operator->() const { return p_; }
+  explicit operator bool() const { return p_ != nullptr; }
+  [[nodiscard]] T *release() { return std::exchange(p_, nullptr); }
+  // Allocates sizeof(T) (or bytes) with flags; false when the pool refused.
+  [[nodiscard]] bool allocate(std::size_t bytes = sizeof(T), uint32_t flags = QM_POOL_ZERO_FILL) {
+    (void)reset();
+    p_ = static_cast<T *>(pool_->memAlloc(pool_, bytes, flags));
+    return p_ != nullptr;
+  }
+  QMStatus reset() {
+    if (p_ == nullptr) return 0;
+    return freeBlock(pool_, std::exchange(p_, nullptr), jnl_);
+  }
+
+ private:
+  QMPoolh pool_;
+  QMJnlh jnl_;
+  T *p_;
+};
+
+// ---- I/O records of a node -----------------------------------------------------
+
+// Called while a dead node is destroyed (its NodeDeleteMutex and NodeMutex
+// held): under IOInfoMutex, frees the node's retired records and leaves its
+// records still on the list to the next reset, which frees them once closed.
+void detachIORecords(QMELMExtension *ext, NodeState *node, QMJnlh jnl) noexcept;
+
+}  // namespace xvelm::detail
+
+#endif  // XVELM_LOCK_H

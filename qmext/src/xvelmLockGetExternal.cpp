@@ -1,0 +1,362 @@
+/*
+ * xvelmLockGetExternal - gives a new handle a descriptor (a parked one with
+ * the same flags, or a fresh open) and, for the process's first external
+ * holder, the non-blocking record lock on the whole file. Expects NodeMutex
+ * held. Allocates descriptor records (the node's lists own them). Returns 0,
+ * an open status, a refusal (QMELM_E_EXT_*) or QMELM_E_NO_MEMORY.
+ */
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "xvelm.h"
+#include "xvelmLock.h"
+
+// Record locks belong to the process, not to a descriptor: the one F_SETLK
+// of the first external holder covers every thread and every descriptor of
+// the process on the file, and closing ANY descriptor of the file drops all
+// of them. That is why later holders only count, and why a descriptor a
+// handle no longer needs is parked on the node, never closed, until the
+// node's last holder goes (xvelmCloseFile).
+
+namespace xvelm::detail {
+
+QMStatus openFailureStatus(int err, OpenCaller caller) noexcept {
+  switch (err) {
+    case ENOENT:
+      return QMELM_E_FILE_NOT_FOUND;
+    case ENOMEM:
+      return QMELM_E_OS_NO_MEMORY;
+    case EACCES:
+    case EROFS:
+      return QMELM_E_ACCESS_DENIED;
+    case EEXIST:
+      return caller == OpenCaller::Acquisition ? QMELM_E_FILE_EXISTS : QMELM_E_OPEN_FAILED;
+    case ENOTDIR:
+    case ESTALE:
+      return QMELM_E_PATH_NOT_FOUND;
+    case ENFILE:
+    case EMFILE:
+      return QMELM_E_TOO_MANY_FILES;
+    case ETXTBSY:
+      return QMELM_E_EXT_LOCK_FAILED;
+    default:
+      return QMELM_E_OPEN_FAILED;
+  }
+}
+
+int openRetrying(const char *path, uint32_t flags, uint32_t mode) noexcept {
+  int stale = 0;
+  for (;;) {
+    const int fd = sys().open(path, static_cast<int>(flags), static_cast<mode_t>(mode));
+    if (fd >= 0) return fd;
+    if (errno == EINTR) continue;                  // interrupted: as often as it takes
+    if (errno == ESTALE && ++stale < 2) continue;  // a stale handle once: the server may recover
+    return -1;
+  }
+}
+
+void setCloseOnExec(int fd) noexcept {
+  if (fd > 2)
+    (void)sys().fcntl(fd, F_SETFD, reinterpret_cast<void *>(static_cast<intptr_t>(FD_CLOEXEC)));
+}
+
+bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl, const FailureText &t,
+                            Rendering r) noexcept {
+  if (jnl == nullptr) return true;
+  Message msg(ext, jnl,
+              r == Rendering::Unchecked ? Message::Mode::Unchecked : Message::Mode::Checked);
+  msg.status(t.head).status(QMELM_M_INT_LOCK_CONFLICT);
+  if (r == Rendering::CheckedFitName) msg.requireRoom(t.nameLen);
+  msg.text(t.name, t.nameLen).status(QMELM_M_RESOURCE_END);
+  switch (t.tail) {
+    case MessageTail::Errno:
+      msg.status(QMELM_M_ERRNO, t.err);
+      break;
+    case MessageTail::End:
+      break;
+    case MessageTail::DoubledEnd:
+      msg.status(QMELM_M_RESOURCE_END);
+      break;
+  }
+  (void)msg.journal();
+  // A buffer the pool refused is no composition failure: there was nothing
+  // to compose in.
+  return !(msg.active() && msg.abandoned());
+}
+
+}  // namespace xvelm::detail
+
+namespace {
+
+using namespace xvelm::detail;
+
+constexpr QMMemSize kNoExternalLock = QMELM_NOEXTERNAL_LOCK | QMELM_OPT_NONE;
+// The errno a rewind or identity failure reports, whatever the system said:
+// the file is to be treated as busy (EAGAIN).
+constexpr int kBusyErrno = 11;
+
+// One acquisition in progress: the handle, its node and the caller's request.
+struct External {
+  QMELMLHndlp lock;
+  XVELMLHndl *h;
+  NodeState *node;
+  XVELMFileLockParms *parms;
+  QMELMExtension *ext;
+  QMJnlh jnl;
+  QMMemSize R;
+
+  XVELMFileLock &file() const { return node->pub; }
+  QMELMResLock &res() const { return node->pub.CommonLock; }
+  FailureText text(QMStatus head, MessageTail tail, int err) const {
+    return FailureText{head, parms->Filename, static_cast<QMStrSize>(parms->FilenameLen), tail,
+                       err};
+  }
+
+  // Takes back everything the internal arbitration counted for this handle.
+  void uncountInternal() const {
+    if (R & QMELM_NOINTERNAL_LOCK)
+      --res().nointernal_lock;
+    else if (R & QMELM_INT_EXCLUSIVE)
+      --res().int_exclusive;
+    else {
+      --res().int_nonexclusive;
+      if (!(R & QMELM_SHARED)) --res().int_nonshared_nonexclusive;
+    }
+  }
+
+  // The common failure exit: park the handle's descriptor (a refusal leaves
+  // it open for the next holder), close the node's file when no holder has a
+  // descriptor left, and undo the internal count. The node's type is not
+  // restored: it is only ever read together with the counters.
+  [[nodiscard]] QMStatus fail(QMStatus st, XVELMFileDescriptorp parked) const {
+    if (parked != nullptr) {
+      unlinkDescriptor(file().OpenFileDescriptorList, parked);
+      pushDescriptor(file().ClosedFileDescriptorList, parked);
+    }
+    if (file().OpenFileDescriptorList == nullptr) (void)xvelmCloseFile(lock, parms, jnl);
+    uncountInternal();
+    return st;
+  }
+
+  [[nodiscard]] XVELMFileDescriptorp takeParked(double *openTime) const;
+  [[nodiscard]] QMStatus openFresh(XVELMFileDescriptorp *out, double *openTime) const;
+  [[nodiscard]] QMStatus openFailed(XVELMFileDescriptorp rec, int err) const;
+  [[nodiscard]] QMStatus countExternal(XVELMFileDescriptorp d) const;
+  [[nodiscard]] QMStatus takeRecordLock(XVELMFileDescriptorp d) const;
+  [[nodiscard]] QMStatus refused(XVELMFileDescriptorp d, struct flock &req, int err) const;
+};
+
+// A parked descriptor opened with exactly the same flags (the creation mode
+// does not matter: the file exists by now), rewound and moved to the open
+// list; null when there is none. No open happened, so the open time stays 0.
+XVELMFileDescriptorp External::takeParked(double *openTime) const {
+  XVELMFileDescriptorp d = file().ClosedFileDescriptorList;
+  while (d != nullptr && d->openflags != parms->OpenFlags) d = d->next;
+  if (d == nullptr) return nullptr;
+  const off_t pos = sys().lseek(d->fd, 0, SEEK_SET);
+  if (static_cast<uint32_t>(pos) == 0xffffffffu) {
+    // The descriptor is reused all the same; the message names the file as
+    // busy whatever lseek reported.
+    (void)journalFileLockFailure(ext, jnl,
+                                 text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
+                                 Rendering::Unchecked);
+  }
+  unlinkDescriptor(file().ClosedFileDescriptorList, d);
+  pushDescriptor(file().OpenFileDescriptorList, d);
+  *openTime = 0.0;
+  return d;
+}
+
+QMStatus External::openFresh(XVELMFileDescriptorp *out, double *openTime) const {
+  auto *rec = static_cast<XVELMFileDescriptorp>(
+      ext->Pool->memAlloc(ext->Pool, sizeof(XVELMFileDescriptor), QM_POOL_ZERO_FILL));
+  if (rec == nullptr) {
+    // The internal count is deliberately left as it is: a caller that runs
+    // out of memory here leaves the node to its other holders' releases.
+    journalStatus(jnl, QMELM_E_NO_MEMORY);
+    (void)journalFileLockFailure(ext, jnl, text(QMELM_E_NO_MEMORY, MessageTail::End, 0),
+                                 Rendering::Unchecked);
+    return QMELM_E_NO_MEMORY;
+  }
+  rec->fd = -1;
+  rec->openflags = parms->OpenFlags;
+  rec->permissionsmask = parms->PermissionsMask;
+
+  const int fd = openRetrying(file().ID.NarrowFilename, parms->OpenFlags, parms->PermissionsMask);
+  if (fd < 0) return openFailed(rec, errno);
+
+  *openTime = qmzdttmeOf(ext->Common.hndl);
+  setCloseOnExec(fd);
+  rec->fd = fd;
+  pushDescriptor(file().OpenFileDescriptorList, rec);
+  if (parms->OpenFlags & O_CREAT) {
+    // Every create resets the size, also when the file existed and is not
+    // truncated: the holder is told to treat it as new. fstat's result is
+    // deliberately not tested (a failure leaves the identity zero).
+    struct stat st {};
+    (void)sys().fstat(fd, &st);
+    file().ID.InodeNum = st.st_ino;
+    file().ID.DeviceNum = st.st_dev;
+    file().FileSize = 0;
+  }
+  *out = rec;
+  return 0;
+}
+
+// An open failed with err: report it, give the record back and leave.
+QMStatus External::openFailed(XVELMFileDescriptorp rec, int err) const {
+  parms->Errno = err;
+  const QMStatus st = openFailureStatus(err);
+  JournaledBlock<XVELMFileDescriptor> owned(ext->Pool, jnl, rec);
+  if (!journalFileLockFailure(ext, jnl, text(st, MessageTail::Errno, err),
+                              Rendering::CheckedFitName) &&
+      st != QMELM_E_OPEN_FAILED) {
+    // Deliberately different for a recognised cause whose message could not
+    // be composed: a short message without the errno, and the status at
+    // once; the record is neither freed nor parked (it goes with the pool)
+    // and the internal count is not undone.
+    (void)owned.release();
+    (void)journalFileLockFailure(ext, jnl, text(st, MessageTail::End, 0), Rendering::Unchecked);
+    return st;
+  }
+  (void)owned.reset();
+  return fail(st, nullptr);
+}
+
+// Counts the external holder; the first one of the process takes the record
+// lock, later ones only count (the process holds it already; arbitration
+// between threads is the internal lock's business).
+QMStatus External::countExternal(XVELMFileDescriptorp d) const {
+  QMELMResLock &n = res();
+  if (R & kNoExternalLock) {
+    ++n.noexternal_lock;
+    if (n.LockType == 0) n.LockType = R;
+    return 0;
+  }
+  if (R & QMELM_EXT_EXCLUSIVE) {
+    if (++n.ext_exclusive > 1) {
+      if (n.LockType == 0) n.LockType = R;
+      return 0;
+    }
+    return takeRecordLock(d);
+  }
+  ++n.ext_nonexclusive;
+  if (n.ext_exclusive != 0 || n.ext_nonexclusive > 1) {
+    if (n.LockType == 0)
+      n.LockType = R;
+    else if ((n.LockType & QMELM_SHARED) && !(R & QMELM_SHARED))
+      n.LockType &= ~QMMemSize{QMELM_SHARED};
+    return 0;
+  }
+  return takeRecordLock(d);
+}
+
+QMStatus External::takeRecordLock(XVELMFileDescriptorp d) const {
+  struct flock req {};  // whole file: SEEK_SET, start 0, length 0
+  if (R & QMELM_EXT_EXCLUSIVE)
+    req.l_type = F_WRLCK;
+  else if (R & QMELM_EXT_NONEXCLUSIVE)
+    req.l_type = F_RDLCK;
+  const int rc = sys().fcntl(d->fd, F_SETLK, &req);  // never waits
+  if (rc == 0) {
+    // The lock is on the file we opened; make sure the name still leads to
+    // it, or a file renamed over ours between open and lock goes unlocked.
+    struct stat byFd {
+    }, byName{};
+    if (sys().fstat(d->fd, &byFd) == 0 && sys().stat(file().ID.NarrowFilename, &byName) == 0 &&
+        byFd.st_dev == byName.st_dev && byFd.st_ino == byName.st_ino) {
+      file().FcntlLockSet = 1;
+      res().LockType = R;
+      return 0;
+    }
+    // The lock taken on the replaced file is left to the close of the node's
+    // descriptors.
+    (void)journalFileLockFailure(ext, jnl,
+                                 text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
+                                 Rendering::Unchecked);
+    return refused(d, req, EAGAIN);
+  }
+  if (rc > 0) {  // not a documented result; taken as success, unverified
+    file().FcntlLockSet = 1;
+    res().LockType = R;
+    return 0;
+  }
+  const int err = errno;
+  if (err == EOPNOTSUPP || err == EROFS || err == EINVAL) {
+    // A file system without record locks: the lock is granted deliberately,
+    // since nothing else could ever be.
+    file().FcntlLockSet = 1;
+    res().LockType = R;
+    return 0;
+  }
+  return refused(d, req, err);
+}
+
+// The record lock was refused (or lost to a rename, err EAGAIN): find out who
+// holds the file, report it, take back the external count and leave.
+QMStatus External::refused(XVELMFileDescriptorp d, struct flock &req, int err) const {
+  req.l_type = F_WRLCK;
+  int reported = 0;
+  QMStatus st = QMELM_E_EXT_LOCK_FAILED;
+  if (sys().fcntl(d->fd, F_GETLK, &req) != -1) {
+    reported = err;
+    parms->Errno = err;
+    if (req.l_type == F_RDLCK && (R & QMELM_EXT_EXCLUSIVE))
+      st = QMELM_E_EXT_LOCKED_SHARED;
+    else if (req.l_type == F_WRLCK && (R & (QMELM_EXT_EXCLUSIVE | QMELM_EXT_NONEXCLUSIVE)))
+      st = QMELM_E_EXT_LOCKED_EXCLUSIVE;
+  } else {
+    parms->Errno = errno;
+  }
+  parms->LockerPID = req.l_pid;
+  parms->SystemID = 0;  // struct flock has no system id here
+
+  if (R & kNoExternalLock)
+    --res().noexternal_lock;
+  else if (R & QMELM_EXT_EXCLUSIVE)
+    --res().ext_exclusive;
+  else
+    --res().ext_nonexclusive;
+
+  (void)journalFileLockFailure(ext, jnl, text(st, MessageTail::Errno, reported),
+                               Rendering::Unchecked);
+  return fail(st, d);
+}
+
+}  // namespace
+
+int xvelmLockGetExternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
+  XVELMLHndl *h = fileHandleOf(lock);
+  const External x{lock,
+                   h,
+                   nodeOf(lock),
+                   static_cast<XVELMFileLockParms *>(lockParms),
+                   h->ExtensionHndl,
+                   jnl,
+                   lock->Private.LockType};
+
+  double openTime = 0.0;
+  XVELMFileDescriptorp d = x.takeParked(&openTime);
+  if (d == nullptr) {
+    if (const QMStatus st = x.openFresh(&d, &openTime); st != 0) return st;
+  }
+
+  h->FDP = d;
+  auto *fh = static_cast<XVELMFileHandle *>(lock->Public.ResourceHandle);
+  fh->FileDescriptor = d->fd;
+  fh->FileSize = x.file().FileSize;
+
+  if (const QMStatus st = x.countExternal(d); st != 0) return st;
+
+  if (x.ext->Common.hndl->iobytecount > QMIO_ByteCount_None) {
+    QMELMCreateIOInfoParms cp{};
+    cp.openTime = openTime;
+    cp.ResourceType = lock->Private.ResourceType;
+    cp.OpenFlags = x.parms->OpenFlags;
+    (void)xvelmCreateIOInfo(lock, &cp, jnl);  // an acquisition never fails for want of a record
+  }
+  return 0;
+}

@@ -1,0 +1,84 @@
+/*
+ * xvelmLockGetInternal - grants or refuses, at once, a new handle's internal
+ * lock (between the threads of this process) by the node's holder counters.
+ * Expects the node's NodeMutex held by the caller; takes no mutex itself.
+ * Allocates only a message buffer (with a journal), freed before returning.
+ * Returns 0, QMELM_E_INT_SHARE_CONFLICT, QMELM_E_INT_LOCKED_EXCLUSIVE or
+ * QMELM_E_INT_LOCKED_SHARED; a refusal changes no counter.
+ */
+#include "xvelm.h"
+#include "xvelmLock.h"
+
+namespace {
+
+using namespace xvelm::detail;
+
+// Would the request R mix shared and non-shared holders on a node whose
+// current type is N? Only asked of a node that has a type and takes internal
+// locks. The cases are tested in this order on purpose: a shared holder is
+// the one kind that may join an exclusive holder, and the one kind of
+// exclusive holder that may join non-exclusive ones.
+bool mixesSharing(QMMemSize N, QMMemSize R) {
+  const bool nShared = (N & QMELM_SHARED) != 0;
+  const bool rShared = (R & QMELM_SHARED) != 0;
+  const bool rExcl = (R & QMELM_INT_EXCLUSIVE) != 0;
+  if ((N & QMELM_INT_EXCLUSIVE) && nShared && !rShared) return true;
+  if ((N & QMELM_INT_NONEXCLUSIVE) && nShared && rExcl && !rShared) return true;
+  if (!nShared) {
+    if ((N & QMELM_INT_EXCLUSIVE) && rShared) return true;
+    if ((N & QMELM_INT_NONEXCLUSIVE) && rExcl && rShared) return true;
+  }
+  return false;
+}
+
+// The refusal's status, decided on the counters alone; 0 after counting the
+// holder in.
+[[nodiscard]] QMStatus countHolder(QMELMResLock &n, QMMemSize R) {
+  const bool shared = (R & QMELM_SHARED) != 0;
+  if (R & QMELM_INT_EXCLUSIVE) {
+    if (n.int_exclusive != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
+    if (n.int_nonexclusive > 0 && !shared) return QMELM_E_INT_LOCKED_SHARED;
+    ++n.int_exclusive;
+    return 0;
+  }
+  if (n.int_exclusive == 0) {
+    ++n.int_nonexclusive;
+    if (!shared) ++n.int_nonshared_nonexclusive;
+    return 0;
+  }
+  if (shared) {
+    ++n.int_nonexclusive;
+    return 0;
+  }
+  return QMELM_E_INT_LOCKED_EXCLUSIVE;
+}
+
+}  // namespace
+
+int xvelmLockGetInternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
+  QMELMResLock &node = nodeOf(lock)->pub.CommonLock;
+  const QMMemSize R = lock->Private.LockType;
+  const QMMemSize N = node.LockType;
+
+  // A holder without an internal lock is only counted, whatever the node holds.
+  if (R & QMELM_NOINTERNAL_LOCK) {
+    ++node.nointernal_lock;
+    return 0;
+  }
+
+  QMStatus st = 0;
+  if (N != 0 && !(N & QMELM_NOINTERNAL_LOCK) && mixesSharing(N, R))
+    st = QMELM_E_INT_SHARE_CONFLICT;
+  else
+    st = countHolder(node, R);
+  if (st == 0) return 0;
+
+  const auto *parms = static_cast<const XVELMFileLockParms *>(lockParms);
+  Message msg(fileHandleOf(lock)->ExtensionHndl, jnl);
+  msg.status(st)
+      .status(st == QMELM_E_INT_SHARE_CONFLICT ? QMELM_M_PATH : QMELM_M_INT_LOCK_CONFLICT)
+      .text(parms->Filename, static_cast<QMStrSize>(parms->FilenameLen))
+      .status(QMELM_M_TRAILER);
+  (void)msg.journal();
+  return st;
+}

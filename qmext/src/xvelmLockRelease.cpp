@@ -1,0 +1,192 @@
+/*
+ * xvelmLockRelease - ends a handle: uncounts it, parks its descriptor, keeps,
+ * downgrades or (last holder: xvelmCloseFile) drops the record lock, frees
+ * the handle. Takes NodeMutex; xvelmCloseFile expects it held and frees the
+ * parked descriptor records. Returns 0, QMELM_E_NULL_HANDLE, _DEAD_NODE,
+ * _EXT_LOCK_FAILED, _CLOSE_FAILED, _UNLINK_FAILED or a pool status.
+ */
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "xvelm.h"
+#include "xvelmLock.h"
+
+namespace {
+
+using namespace xvelm::detail;
+
+QMStatus journaled(QMJnlh jnl, QMStatus st) {
+  journalStatus(jnl, st);
+  return st;
+}
+
+// Takes the handle's internal count out of the node. When the last
+// non-shared non-exclusive holder leaves others behind, those are all shared
+// ones, and the node's type says so again.
+void uncountInternal(QMELMResLock &n, QMMemSize R) {
+  if (R & QMELM_NOINTERNAL_LOCK) {
+    --n.nointernal_lock;
+  } else if (R & QMELM_INT_EXCLUSIVE) {
+    --n.int_exclusive;
+  } else {
+    --n.int_nonexclusive;
+    if (!(R & QMELM_SHARED)) --n.int_nonshared_nonexclusive;
+    if (n.int_nonshared_nonexclusive == 0 && n.int_nonexclusive != 0) n.LockType |= QMELM_SHARED;
+  }
+}
+
+// Takes the handle's external count out; true when an exclusive external
+// holder left. Deliberately only "no external lock" decides the counter
+// here, not option None as at acquisition: a holder with option None is
+// taken out of the counter of its external bit. Each release still takes
+// exactly one from the three counters together, so their sum stays the
+// number of holders and the node dies with its last one.
+bool uncountExternal(QMELMResLock &n, QMMemSize R) {
+  if (R & QMELM_NOEXTERNAL_LOCK) {
+    --n.noexternal_lock;
+    return false;
+  }
+  if (R & QMELM_EXT_EXCLUSIVE) {
+    --n.ext_exclusive;
+    return true;
+  }
+  --n.ext_nonexclusive;
+  return false;
+}
+
+// The last exclusive external holder left non-exclusive ones behind: turn
+// the process's write lock into a read lock (l_type 0 is F_RDLCK here; the
+// request is sent all zero on purpose, whole file, without waiting).
+[[nodiscard]] QMStatus downgrade(XVELMLHndl *h, NodeState *node, XVELMFileLockParms *parms,
+                                 QMJnlh jnl) {
+  static_assert(F_RDLCK == 0, "the all-zero record-lock request asks for a read lock");
+  const QMMemSize R = h->Common.Private.LockType;
+  struct flock req {};
+  const int fd = h->FDP != nullptr ? h->FDP->fd : -1;
+  if (sys().fcntl(fd, F_SETLK, &req) == 0 || errno == EOPNOTSUPP || errno == EROFS ||
+      errno == EINVAL) {
+    // The node takes the leaving holder's type, as it always has.
+    node->pub.FcntlLockSet = 1;
+    node->pub.CommonLock.LockType = R;
+    return 0;
+  }
+  const int err = errno;
+  if (parms != nullptr) {
+    parms->Errno = err;
+    parms->LockerPID = req.l_pid;
+    parms->SystemID = 0;  // struct flock has no system id here
+  }
+  FailureText t{QMELM_E_EXT_LOCK_FAILED, nullptr, 0, MessageTail::Errno, err};
+  messageName(parms, node, &t.name, &t.nameLen);
+  (void)journalFileLockFailure(h->ExtensionHndl, jnl, t, Rendering::Checked);
+  // With option Continue the holder has asked to go on whatever the record
+  // lock does; the counts stay taken out either way.
+  return (R & QMELM_OPT_CONTINUE) ? 0 : QMELM_E_EXT_LOCK_FAILED;
+}
+
+}  // namespace
+
+int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
+  if (lock == nullptr) return journaled(chooseJournal(nullptr, jnl), QMELM_E_NULL_HANDLE);
+  // A handle leaves the live set before anything of it is read: a second
+  // release (or a pointer never handed out) is told apart without touching
+  // memory that may already be freed.
+  if (!unregisterHandle(lock)) return journaled(chooseJournal(nullptr, jnl), QMELM_E_DEAD_NODE);
+
+  XVELMLHndl *h = fileHandleOf(lock);
+  QMELMExtension *ext = h->ExtensionHndl;
+  jnl = chooseJournal(ext, jnl);
+  auto *parms = static_cast<XVELMFileLockParms *>(lockParms);
+  NodeState *node = nodeOf(lock);
+  QMELMResLock &n = node->pub.CommonLock;
+  const QMMemSize R = lock->Private.LockType;
+  QMStatus result = 0;
+  {
+    MutexGuard nm(n.NodeMutex);
+    if (isDead(&n)) {
+      // A live handle keeps its node alive (the node dies with its last
+      // holder), so this should not happen; if it does, the handle is not
+      // freed and stays live for its owner.
+      registerHandle(handleBlockOf(lock));
+      nm.unlock();
+      return journaled(jnl, QMELM_E_DEAD_NODE);
+    }
+
+    uncountInternal(n, R);
+    const bool exclusiveLeft = uncountExternal(n, R);
+    if (parms != nullptr)
+      node->pub.DeleteOnClose = (parms->Flags & QMELM_FLAG_DELETE_ON_CLOSE) ? 1 : 0;
+
+    // The descriptor is parked, never closed here: closing any descriptor of
+    // the file would drop the record lock the other holders rely on.
+    if (h->FDP != nullptr) {
+      unlinkDescriptor(node->pub.OpenFileDescriptorList, h->FDP);
+      pushDescriptor(node->pub.ClosedFileDescriptorList, h->FDP);
+    }
+
+    if (n.ext_nonexclusive + n.ext_exclusive + n.noexternal_lock == 0) {
+      result = xvelmCloseFile(lock, lockParms, jnl);
+      markDead(&n);
+    } else if (!exclusiveLeft) {
+      result = 0;
+    } else if (n.ext_nonexclusive != 0 && n.ext_exclusive == 0) {
+      result = downgrade(h, node, parms, jnl);
+    } else {
+      // Other exclusive holders remain: the record lock stays as it is, and
+      // the node takes the leaving holder's type, as it always has.
+      node->pub.FcntlLockSet = 1;
+      n.LockType = R;
+    }
+
+    if (ext->Common.hndl->iobytecount > QMIO_ByteCount_None) {
+      QMELMCloseIOInfoParms cp{};
+      cp.closeTime = qmzdttmeOf(ext->Common.hndl);
+      (void)xvelmCloseIOInfo(lock, &cp, jnl);
+    }
+    if (lock->Public.ResourceHandle != nullptr)
+      (void)freeBlock(ext->Pool, lock->Public.ResourceHandle, jnl);
+  }
+  (void)freeBlock(lock->Private.Pool, handleBlockOf(lock), jnl);
+  return result;
+}
+
+int xvelmCloseFile(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
+  QMELMExtension *ext = fileHandleOf(lock)->ExtensionHndl;
+  NodeState *node = nodeOf(lock);
+  XVELMFileLock &f = node->pub;
+  const auto *parms = static_cast<const XVELMFileLockParms *>(lockParms);
+  FailureText t{0, nullptr, 0, MessageTail::Errno, 0};
+  messageName(parms, node, &t.name, &t.nameLen);
+
+  // Closing the first descriptor drops the process's record lock on the
+  // file; only parked descriptors are closed (no holder uses them).
+  QMStatus result = 0;
+  for (XVELMFileDescriptorp d = f.ClosedFileDescriptorList; d != nullptr;) {
+    XVELMFileDescriptorp next = d->next;
+    const bool closed = sys().close(d->fd) == 0;
+    const int err = errno;
+    // The result is that of the last record closed, deliberately: an
+    // earlier failure has been journaled and is not carried along.
+    result = freeBlock(ext->Pool, d, jnl);
+    if (!closed) {
+      result = QMELM_E_CLOSE_FAILED;
+      t.head = QMELM_E_CLOSE_FAILED;
+      t.tail = MessageTail::Errno;
+      t.err = err;
+      (void)journalFileLockFailure(ext, jnl, t, Rendering::Checked);
+    }
+    d = next;
+  }
+  f.ClosedFileDescriptorList = nullptr;
+
+  if (f.DeleteOnClose && sys().unlink(f.ID.NarrowFilename) != 0) {
+    result = QMELM_E_UNLINK_FAILED;
+    // The end piece twice and no errno: the message as users know it.
+    t.head = QMELM_E_UNLINK_FAILED;
+    t.tail = MessageTail::DoubledEnd;
+    (void)journalFileLockFailure(ext, jnl, t, Rendering::Checked);
+  }
+  return result;
+}

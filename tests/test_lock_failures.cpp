@@ -1,0 +1,193 @@
+// Lock acquisition when things go wrong: every allocation and every mutex
+// creation failing in turn, system calls failing through the seam, bad
+// requests, and where messages go with and without verbose errors.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+#include "test_lock_support.h"
+
+using namespace locktest;
+
+namespace {
+
+// Fails the 1st, 2nd, ... call of `kind` in one acquisition until a run makes
+// fewer calls: each run succeeds or fails with an allowed status, and leaves
+// no block, mutex, descriptor or live node (it would keep its blocks) behind.
+void sweep(QMHostFailKind kind, std::initializer_list<QMStatus> allowed) {
+  TestHost host(HostOptions{.iobytecount = QMIO_ByteCount_External});
+  TempDir dir;
+  const std::string path = dir.file("swept"), other = dir.file("other");
+  const auto base = footprint(host, other);
+  for (long n = 1, made = 1; made >= n - 1; ++n) {  // on until the nth call did not happen
+    SCOPED_TRACE("failing call " + std::to_string(n));
+    LockRequest r(path);
+    int rc = 0;
+    const long before = host.calls(kind);
+    host.failNth(kind, n);
+    QMELMLHndlp h = host.lock(r, NX | ENX, &rc);
+    host.failNth(kind, 0);
+    made = host.calls(kind) - before;
+    if (h != nullptr) {
+      EXPECT_EQ(host.release(h), 0);
+    } else {
+      EXPECT_NE(std::find(allowed.begin(), allowed.end(), rc), allowed.end()) << hex(rc);
+      EXPECT_EQ(r.parms.AcquiredLockType, 0u);
+    }
+    EXPECT_EQ(footprint(host, other), base);
+    EXPECT_EQ(openDescriptorsOf(path), 0);
+  }
+  EXPECT_EQ(host.stats().bad_frees, 0u);
+}
+
+int interrupted = 0, staleOpens = 0, noLocksErrno = 0;
+std::string renameFrom;
+
+}  // namespace
+
+TEST(LockFailures, EveryAllocationFailingInTurnUnwinds) {
+  sweep(QMHOST_FAIL_ALLOC, {QMELM_E_NO_MEMORY});
+}
+
+TEST(LockFailures, EveryMutexCreationFailingInTurnUnwinds) {
+  sweep(QMHOST_FAIL_LOCK_CREATE, {QM_E_INJECTED_FAILURE});
+}
+
+TEST(LockFailures, SystemCallsFailingThroughTheSeam) {
+  TestHost host;
+  TempDir dir;
+  const std::string path = dir.file("seam");
+  SyscallScope seam;
+  auto attempt = [&](QMMemSize type) {  // status and Errno of one acquisition
+    LockRequest r(path);
+    int rc = 0;
+    host.clearJournal();
+    if (QMELMLHndlp h = host.lock(r, type, &rc)) {
+      EXPECT_EQ(host.release(h), 0);
+    }
+    return std::pair{rc, r.parms.Errno};
+  };
+  using P = std::pair<int, int>;
+  interrupted = 5;
+  seam.table().open = [](const char *p, int f, mode_t m) {
+    return interrupted-- > 0 ? (errno = EINTR, -1) : ::open(p, f, m);
+  };
+  EXPECT_EQ(attempt(NX | ENX), P(0, 0));
+  seam.table().open = [](const char *, int, mode_t) { return ++staleOpens, errno = ESTALE, -1; };
+  EXPECT_EQ(attempt(NX | ENX), P(QMELM_E_PATH_NOT_FOUND, ESTALE));
+  EXPECT_EQ(staleOpens, 2);
+  EXPECT_CODES(host.lastCodes(), fileLockMessage(QMELM_E_PATH_NOT_FOUND));
+  seam.table().open = [](const char *, int, mode_t) { return errno = EMFILE, -1; };
+  EXPECT_EQ(attempt(NX | ENX), P(QMELM_E_TOO_MANY_FILES, EMFILE));
+
+  xvelm::detail::resetSyscalls();
+  seam.table().fcntl = [](int fd, int cmd, void *arg) {
+    return cmd == F_SETLK ? (errno = noLocksErrno, -1) : ::fcntl(fd, cmd, arg);
+  };
+  for (int e : {EOPNOTSUPP, EROFS, EINVAL}) {  // no record locks on this file system
+    noLocksErrno = e;
+    EXPECT_EQ(attempt(X | EX), P(0, 0));
+  }
+  noLocksErrno = EDEADLK;  // refused, nobody found holding it
+  EXPECT_EQ(attempt(X | EX), P(QMELM_E_EXT_LOCK_FAILED, EDEADLK));
+
+  // A parked descriptor that cannot be rewound is reused all the same.
+  xvelm::detail::resetSyscalls();
+  LockRequest keep(path), again(path);
+  int rc = 0;
+  QMELMLHndlp anchor = host.lock(keep, NOI | NOE, &rc);
+  EXPECT_EQ(host.release(host.lock(again, NX | ENX, &rc)), 0);
+  seam.table().lseek = [](int, off_t, int) -> off_t { return errno = EBADF, -1; };
+  EXPECT_EQ(attempt(NX | ENX), P(0, 0));
+  EXPECT_CODES(host.entries().at(0).codes, fileLockMessage(QMELM_E_LOCKGET_SETUP));
+  EXPECT_NE(host.entries().at(0).text.find(" 11."), std::string::npos);
+  EXPECT_EQ(host.release(anchor), 0);
+
+  // Renamed over between open and lock: the lock went to the old file.
+  renameFrom = dir.file("newcomer");
+  close(open(renameFrom.c_str(), O_CREAT | O_RDWR, 0644));
+  seam.table().open = [](const char *p, int f, mode_t m) {
+    int fd = ::open(p, f, m);
+    return std::rename(renameFrom.c_str(), p), fd;
+  };
+  EXPECT_EQ(attempt(X | EX), P(QMELM_E_EXT_LOCK_FAILED, EAGAIN));
+  EXPECT_CODES(host.entries().at(0).codes, fileLockMessage(QMELM_E_LOCKGET_SETUP));
+  EXPECT_CODES(host.lastCodes(), fileLockMessage(QMELM_E_EXT_LOCK_FAILED));
+  EXPECT_EQ(openDescriptorsOf(path), 0);
+}
+
+TEST(LockFailures, BadRequestsLeaveNothingAndDisturbNobody) {
+  TestHost host;
+  TempDir dir;
+  const std::string held = dir.file("held"), other = dir.file("other");
+  LockRequest holder(held), wrongType(held);
+  int rc = 0;
+  QMELMLHndlp h = host.lock(holder, NX | ENX, &rc);
+  const auto before = counts(h);
+  const auto base = footprint(host, other);
+
+  wrongType.parms.Errno = 77;
+  EXPECT_EQ(host.fn().LockGet(host.ext, wrongType.get(), 2, NX | ENX, host.jnl, &rc), nullptr);
+  EXPECT_STATUS(QMELM_E_BAD_RESOURCE_TYPE, rc);
+  EXPECT_EQ(wrongType.parms.Errno, 77);  // untouched
+  EXPECT_EQ(host.liveBlocks(), base.first);
+  for (QMMemSize t : {QMMemSize{0}, X, X | ENX | EX, X | NX | EX, QMMemSize{0x285}}) {
+    EXPECT_EQ(host.lock(wrongType, t, &rc), nullptr);
+    EXPECT_STATUS(QMELM_E_INVALID_LOCKTYPE, rc);
+  }
+
+  close(open(dir.file("plain").c_str(), O_CREAT | O_RDWR, 0644));
+  mkdir(dir.file("sub").c_str(), 0755);
+  const struct {
+    std::string path;
+    uint32_t flags, enc;
+    QMStatus expect;
+  } bad[] = {
+      {dir.file("caf\u0113"), O_RDWR | O_CREAT, QM_CEI_ISO8859_1, QM_E_UNMAPPABLE},
+      {dir.file("x"), O_RDWR | O_CREAT, 999, QMELM_E_LOCKGET_SETUP},
+      {dir.file("sub"), O_RDWR, 0, QMELM_E_OPEN_FAILED},
+      {dir.file("plain/x"), O_RDWR | O_CREAT, 0, QMELM_E_PATH_NOT_FOUND},
+      {dir.file("absent"), O_RDWR, 0, QMELM_E_FILE_NOT_FOUND},
+      {held, O_RDWR | O_CREAT | O_EXCL, 0, QMELM_E_FILE_EXISTS},
+  };
+  for (const auto &b : bad) {
+    SCOPED_TRACE(b.path);
+    LockRequest r(b.path, b.flags);
+    r.parms.enc_pathname = b.enc;
+    EXPECT_EQ(host.lock(r, NX | ENX, &rc), nullptr);
+    EXPECT_STATUS(b.expect, rc);
+    EXPECT_EQ(r.parms.AcquiredLockType, 0u);
+    EXPECT_STATUS(b.expect, host.lastCodes().at(0));
+    EXPECT_EQ(footprint(host, other), base);
+  }
+  EXPECT_EQ(counts(h), before);
+  EXPECT_NE(fcntl(fileOf(h).FileDescriptor, F_GETFD), -1);
+  EXPECT_EQ(host.release(h), 0);
+  EXPECT_EQ(openDescriptorsOf(held), 0);
+}
+
+TEST(LockFailures, VerboseErrorsReachTheHostJournalOnlyWhenNoneIsGiven) {
+  TestHost host;
+  TempDir dir;
+  LockRequest r(dir.file("v"));
+  int rc = 0;
+  QMJnlh hostJnl = host.hndl->qmjnl;
+  host.clearJournal(hostJnl);
+  unsetenv("QMELM_DEBUG_VERBOSE_ERRORS");
+  for (const char *verbose : {static_cast<const char *>(nullptr), ""}) {
+    if (verbose != nullptr) setenv("QMELM_DEBUG_VERBOSE_ERRORS", verbose, 1);
+    EXPECT_EQ(get(host, r, X, &rc, nullptr), nullptr);
+    EXPECT_EQ(host.fn().LockRelease(nullptr, nullptr, nullptr), QMELM_E_NULL_HANDLE);
+    EXPECT_EQ(host.entryCount(hostJnl), verbose != nullptr ? 2u : 0u);
+  }
+  auto e = host.entries(hostJnl);
+  EXPECT_STATUS(QMELM_E_INVALID_LOCKTYPE, e.at(0).codes.at(0));
+  EXPECT_CODES(e.at(1).codes, {QMELM_E_NULL_HANDLE});
+  host.clearJournal();  // a journal given: the variable changes nothing
+  EXPECT_EQ(get(host, r, X, &rc, host.jnl), nullptr);
+  EXPECT_EQ(host.entryCount(), 1u);
+  EXPECT_EQ(host.entryCount(hostJnl), 2u);
+  unsetenv("QMELM_DEBUG_VERBOSE_ERRORS");
+}
