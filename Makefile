@@ -37,7 +37,7 @@ clang: | deps
 bench: | deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release
 	$(CMAKE) --build build-bench -j$(JOBS)
-	@for b in build-bench/bin/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+	@for b in build-bench/bin/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 --benchmark_repetitions=3 --benchmark_report_aggregates_only=true || exit 1; done
 
 clean:
 	rm -rf build build-asan build-tsan build-clang build-bench

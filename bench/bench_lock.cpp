@@ -1,0 +1,470 @@
+// bench_lock.cpp - lock acquisition and release through the function table,
+// each set beside the bare system calls it cannot avoid, timed in the same run:
+// the first holder of a file, a second holder joining it, I/O statistics
+// updates, pool bytes per held file, two threads on two files against one,
+// and acquisition while the process already holds many other files.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bench_util.h"
+#include "qmtest_host.h"
+
+namespace {
+
+constexpr QMMemSize kExclusive = QMELM_INT_EXCLUSIVE | QMELM_EXT_EXCLUSIVE;          // 0x005
+constexpr QMMemSize kExclusiveFail = kExclusive | QMELM_OPT_FAIL;                    // 0x105
+constexpr QMMemSize kFirstShared = QMELM_INT_NONEXCLUSIVE | QMELM_EXT_NONEXCLUSIVE;  // 0x00a
+constexpr QMMemSize kJoiner =
+    QMELM_INT_NONEXCLUSIVE | QMELM_SHARED | QMELM_EXT_NONEXCLUSIVE;  // 0x04a
+constexpr QMMemSize kJoinerFail = kJoiner | QMELM_OPT_FAIL;          // 0x14a
+constexpr size_t kPoolFiles = 1000;
+constexpr size_t kPoolNameLen = 40;
+
+std::string statusText(const char *what, int rc) {
+  char buf[96];
+  std::snprintf(buf, sizeof buf, "%s: status 0x%08x", what, static_cast<unsigned>(rc));
+  return buf;
+}
+
+std::string hexType(QMMemSize t) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "0x%03x", static_cast<unsigned>(t));
+  return buf;
+}
+
+bool touch(const std::string &path) {
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0644);
+  if (fd < 0) return false;
+  ::close(fd);
+  return true;
+}
+
+QMELMLHndlp get(QMELMExtension *ext, qmtest::LockRequest &req, QMMemSize type, int *rc) {
+  return ext->Functions.LockGet(ext, req.get(), QMELM_RESOURCE_FILE, type, nullptr, rc);
+}
+
+int release(QMELMExtension *ext, QMELMLHndlp h, qmtest::LockRequest &req) {
+  return ext->Functions.LockRelease(h, req.get(), nullptr);
+}
+
+// The files of the many-holders benchmark, on a host of their own so that the
+// other benchmarks walk a short list. Grows only: the counts are benchmarked
+// in ascending order, and the files stay held until the end of the run.
+struct ManyHeld {
+  std::unique_ptr<qmtest::TestHost> host = qmbench::makeHost();
+  std::string dir;
+  size_t cap;  // descriptors this process can spare for held files
+  std::vector<std::unique_ptr<qmtest::LockRequest>> reqs;
+  std::vector<QMELMLHndlp> held;
+
+  ManyHeld(const std::string &d, size_t c) : dir(d), cap(c) {}
+  ~ManyHeld() {
+    for (size_t i = 0; i < held.size(); ++i) (void)release(host->ext, held[i], *reqs[i]);
+  }
+  std::string name(char tag, size_t i) const {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "/%c%05zu", tag, i);
+    return dir + buf;
+  }
+  // Holds up to want files; stops early at the descriptor budget or at the
+  // first refusal, so held.size() is the number actually held.
+  void growTo(size_t want) {
+    while (held.size() < want && held.size() < cap) {
+      const std::string p = name('h', held.size());
+      if (!touch(p)) {
+        cap = held.size();
+        break;
+      }
+      auto req = std::make_unique<qmtest::LockRequest>(p, O_RDWR);
+      int rc = 0;
+      QMELMLHndlp h = get(host->ext, *req, kExclusiveFail, &rc);
+      if (h == nullptr) {
+        cap = held.size();
+        break;
+      }
+      reqs.push_back(std::move(req));
+      held.push_back(h);
+    }
+  }
+};
+
+struct Env {
+  qmtest::TempDir dir;
+  std::unique_ptr<qmtest::TestHost> host;    // default settings
+  std::unique_ptr<qmtest::TestHost> ioHost;  // counts I/O externally: I/O records are kept
+  std::vector<std::string> poolNames;        // kPoolFiles paths of kPoolNameLen characters
+  std::unique_ptr<ManyHeld> many;
+  size_t descriptorBudget = 0;
+};
+
+std::unique_ptr<Env> g;
+
+std::string fileFor(const char *stem, int thread) {
+  return g->dir.file(std::string(stem) + std::to_string(thread) + ".dat");
+}
+
+// The first holder of an existing file gets and releases it; the
+// release is the last one, so every iteration opens, record-locks and closes.
+void benchFirstHolder(benchmark::State &st, QMMemSize type) {
+  QMELMExtension *ext = g->host->ext;
+  qmtest::LockRequest req(fileFor("t", st.thread_index()), O_RDWR);
+  qmbench::SwitchCount switches(st);
+  for (auto _ : st) {
+    int rc = 0;
+    QMELMLHndlp h = get(ext, req, type, &rc);
+    if (h == nullptr) {
+      st.SkipWithError(statusText("LockGet", rc).c_str());
+      break;
+    }
+    if ((rc = release(ext, h, req)) != 0) {
+      st.SkipWithError(statusText("LockRelease", rc).c_str());
+      break;
+    }
+  }
+  st.SetItemsProcessed(st.iterations());
+}
+
+// What a first exclusive holder cannot do without: identify the file, open
+// it, keep it from children, record-lock it, and check that the name still
+// names the file it locked; then close it.
+void benchBareFirstHolder(benchmark::State &st) {
+  const std::string p = fileFor("t", st.thread_index());
+  const char *path = p.c_str();
+  struct stat a {};
+  struct stat b {};
+  struct stat c {};
+  qmbench::SwitchCount switches(st);
+  for (auto _ : st) {
+    benchmark::DoNotOptimize(::stat(path, &a));
+    const int fd = ::open(path, O_RDWR, 0644);
+    if (fd < 0) {
+      st.SkipWithError("open failed");
+      break;
+    }
+    benchmark::DoNotOptimize(::fcntl(fd, F_SETFD, FD_CLOEXEC));
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    benchmark::DoNotOptimize(::fcntl(fd, F_SETLK, &fl));
+    benchmark::DoNotOptimize(::fstat(fd, &b));
+    benchmark::DoNotOptimize(::stat(path, &c));
+    ::close(fd);
+  }
+  st.SetItemsProcessed(st.iterations());
+}
+
+// A second holder joins a file that a first holder keeps, and leaves. After
+// the first iteration it reuses the descriptor it parked on leaving.
+void benchJoiner(benchmark::State &st, QMMemSize type) {
+  QMELMExtension *ext = g->host->ext;
+  const std::string p = g->dir.file("j.dat");
+  qmtest::LockRequest first(p, O_RDWR);
+  qmtest::LockRequest joiner(p, O_RDWR);
+  int rc = 0;
+  QMELMLHndlp h1 = get(ext, first, kFirstShared, &rc);
+  if (h1 == nullptr) {
+    st.SkipWithError(statusText("LockGet (first holder)", rc).c_str());
+    return;
+  }
+  for (auto _ : st) {
+    QMELMLHndlp h2 = get(ext, joiner, type, &rc);
+    if (h2 == nullptr) {
+      st.SkipWithError(statusText("LockGet", rc).c_str());
+      break;
+    }
+    if ((rc = release(ext, h2, joiner)) != 0) {
+      st.SkipWithError(statusText("LockRelease", rc).c_str());
+      break;
+    }
+  }
+  (void)release(ext, h1, first);
+}
+
+void benchBareStatOpenClose(benchmark::State &st) {
+  const std::string p = g->dir.file("j.dat");
+  const char *path = p.c_str();
+  for (auto _ : st) {
+    struct stat a {};
+    benchmark::DoNotOptimize(::stat(path, &a));
+    const int fd = ::open(path, O_RDWR, 0644);
+    if (fd < 0) {
+      st.SkipWithError("open failed");
+      break;
+    }
+    ::close(fd);
+  }
+}
+
+// I/O statistics updates through a held handle; each thread its own file.
+void benchUpdateIOInfo(benchmark::State &st) {
+  QMELMExtension *ext = g->ioHost->ext;
+  qmtest::LockRequest req(fileFor("io", st.thread_index()), O_RDWR);
+  int rc = 0;
+  QMELMLHndlp h = get(ext, req, kExclusive, &rc);
+  if (h == nullptr) {
+    st.SkipWithError(statusText("LockGet", rc).c_str());
+    return;
+  }
+  if (h->Private.ResLock == nullptr || h->Private.ResLock->Info == nullptr) {
+    (void)release(ext, h, req);
+    st.SkipWithError("no I/O record was made for the held file");
+    return;
+  }
+  QMELMIOStats inc{};
+  inc.bytesRead = 4096;
+  inc.reads = 1;
+  {
+    qmbench::SwitchCount switches(st);
+    for (auto _ : st) {
+      benchmark::DoNotOptimize(ext->Functions.UpdateIOInfo(h, &inc, nullptr));
+    }
+  }
+  (void)release(ext, h, req);
+  st.SetItemsProcessed(st.iterations());
+}
+
+// The files of the pool benchmark, made on first use: names of exactly
+// kPoolNameLen characters when the temp dir leaves room for them.
+bool makePoolFiles(Env &e) {
+  if (!e.poolNames.empty()) return true;
+  const std::string base = e.dir.file("p");
+  if (::mkdir(base.c_str(), 0755) != 0) return false;
+  const size_t room = kPoolNameLen > base.size() + 1 ? kPoolNameLen - base.size() - 1 : 0;
+  const int digits = static_cast<int>(room > 5 ? room : 5);
+  std::vector<std::string> names;
+  for (size_t i = 0; i < kPoolFiles; ++i) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "/%0*zu", digits, i);
+    names.push_back(base + buf);
+    if (!touch(names.back())) return false;
+  }
+  e.poolNames = std::move(names);
+  return true;
+}
+
+// Pool bytes that one more held file costs, names of kPoolNameLen characters.
+void benchPoolBytes(benchmark::State &st) {
+  if (!makePoolFiles(*g)) {
+    st.SkipWithError("could not create the files");
+    return;
+  }
+  std::unique_ptr<qmtest::TestHost> hostp = qmbench::makeHost();
+  if (!hostp) {
+    st.SkipWithError("lock manager not loaded");
+    return;
+  }
+  qmtest::TestHost &host = *hostp;
+  QMELMExtension *ext = host.ext;
+  std::vector<std::unique_ptr<qmtest::LockRequest>> reqs;
+  for (const std::string &p : g->poolNames)
+    reqs.push_back(std::make_unique<qmtest::LockRequest>(p, O_RDWR));
+  // One file held beforehand, so that whatever the first acquisition sets up
+  // once is not charged to the files counted.
+  qmtest::LockRequest warm(g->dir.file("warm.dat"), O_RDWR);
+  int rc = 0;
+  QMELMLHndlp hw = get(ext, warm, kExclusive, &rc);
+  if (hw == nullptr) {
+    st.SkipWithError(statusText("LockGet", rc).c_str());
+    return;
+  }
+  std::vector<QMELMLHndlp> held;
+  QMHostStats before{}, after{};
+  for (auto _ : st) {
+    before = host.stats();
+    for (auto &r : reqs) {
+      QMELMLHndlp h = get(ext, *r, kExclusive, &rc);
+      if (h == nullptr) break;
+      held.push_back(h);
+    }
+    after = host.stats();
+  }
+  const size_t n = held.size();
+  for (size_t i = 0; i < n; ++i) (void)release(ext, held[i], *reqs[i]);
+  (void)release(ext, hw, warm);
+  if (n != reqs.size()) {
+    st.SkipWithError(statusText("LockGet", rc).c_str());
+    return;
+  }
+  st.counters["bytes_per_file"] =
+      static_cast<double>(after.pool_bytes - before.pool_bytes) / static_cast<double>(n);
+  st.counters["blocks_per_file"] =
+      static_cast<double>(after.pool_blocks - before.pool_blocks) / static_cast<double>(n);
+  st.SetLabel(std::to_string(n) + " files, names of " +
+              std::to_string(g->poolNames.front().size()) + " chars");
+}
+
+// One file got and released while the process holds many others. Held files
+// and the measured one carry an option (0x105), so no option match is made:
+// what grows with the count is the walk of the node list.
+void benchBesideHeld(benchmark::State &st, size_t want) {
+  if (!g->many) {
+    g->many = std::make_unique<ManyHeld>(g->dir.file("many"), g->descriptorBudget);
+    if (::mkdir(g->many->dir.c_str(), 0755) != 0) g->many->cap = 0;
+  }
+  if (!g->many->host || g->many->cap == 0) {
+    st.SkipWithError("could not set up the held files");
+    return;
+  }
+  ManyHeld &m = *g->many;
+  m.growTo(want);
+  const std::string p = m.name('x', 0);
+  if (!touch(p)) {
+    st.SkipWithError("could not create the file");
+    return;
+  }
+  QMELMExtension *ext = m.host->ext;
+  qmtest::LockRequest req(p, O_RDWR);
+  for (auto _ : st) {
+    int rc = 0;
+    QMELMLHndlp h = get(ext, req, kExclusiveFail, &rc);
+    if (h == nullptr) {
+      st.SkipWithError(statusText("LockGet", rc).c_str());
+      break;
+    }
+    if ((rc = release(ext, h, req)) != 0) {
+      st.SkipWithError(statusText("LockRelease", rc).c_str());
+      break;
+    }
+  }
+  st.counters["held"] = static_cast<double>(m.held.size());
+  st.SetLabel(std::to_string(m.held.size()) + " held");
+}
+
+bool setUp(Env &e) {
+  bool ok = true;
+  for (int t = 0; t < 2; ++t) {
+    ok = ok && touch(e.dir.file("t" + std::to_string(t) + ".dat"));
+    ok = ok && touch(e.dir.file("io" + std::to_string(t) + ".dat"));
+  }
+  ok = ok && touch(e.dir.file("j.dat")) && touch(e.dir.file("warm.dat"));
+  qmtest::HostOptions io;
+  io.iobytecount = QMIO_ByteCount_External;
+  e.host = qmbench::makeHost();
+  e.ioHost = qmbench::makeHost(io);
+  return ok && e.host && e.ioHost;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const rlim_t limit = qmbench::raiseDescriptorLimit();
+  try {
+    g = std::make_unique<Env>();
+  } catch (const std::exception &e) {
+    std::fprintf(stderr, "bench_lock: %s\n", e.what());
+    return 1;
+  }
+  // Leave room for the descriptors of the other benchmarks, the hosts and the
+  // benchmark library itself.
+  g->descriptorBudget = limit > 200 ? static_cast<size_t>(limit) - 200 : 0;
+  if (!setUp(*g)) {
+    std::fprintf(stderr, "bench_lock: could not set up the hosts or files under %s\n",
+                 g->dir.path().c_str());
+    return 1;
+  }
+  std::printf("files under %s (%s); descriptor limit %llu\n", g->dir.path().c_str(),
+              qmbench::fileSystemOf(g->dir.path()).c_str(), static_cast<unsigned long long>(limit));
+
+  using benchmark::kNanosecond;
+  const std::string first5 = "lock/first_holder/" + hexType(kExclusive);
+  const std::string first105 = "lock/first_holder/" + hexType(kExclusiveFail);
+  const std::string join4a = "lock/joiner/" + hexType(kJoiner);
+  const std::string join14a = "lock/joiner/" + hexType(kJoinerFail);
+  benchmark::RegisterBenchmark(first5.c_str(), benchFirstHolder, kExclusive)
+      ->Unit(kNanosecond)
+      ->UseRealTime()
+      ->Threads(1)
+      ->Threads(2);
+  benchmark::RegisterBenchmark(first105.c_str(), benchFirstHolder, kExclusiveFail)
+      ->Unit(kNanosecond);
+  benchmark::RegisterBenchmark("bare/first_holder_calls", benchBareFirstHolder)
+      ->Unit(kNanosecond)
+      ->UseRealTime()
+      ->Threads(1)
+      ->Threads(2);
+  benchmark::RegisterBenchmark(join4a.c_str(), benchJoiner, kJoiner)->Unit(kNanosecond);
+  benchmark::RegisterBenchmark(join14a.c_str(), benchJoiner, kJoinerFail)->Unit(kNanosecond);
+  benchmark::RegisterBenchmark("bare/stat_open_close", benchBareStatOpenClose)->Unit(kNanosecond);
+  benchmark::RegisterBenchmark("io/update", benchUpdateIOInfo)
+      ->Unit(kNanosecond)
+      ->UseRealTime()
+      ->Threads(1)
+      ->Threads(2);
+  benchmark::RegisterBenchmark("pool/bytes_per_file", benchPoolBytes)->Iterations(1);
+  const std::vector<size_t> counts = {10, 1000, 10000};
+  std::vector<std::string> besideNames;
+  for (size_t n : counts) {
+    besideNames.push_back("lock/beside_held:" + std::to_string(n));
+    benchmark::RegisterBenchmark(besideNames.back().c_str(), benchBesideHeld, n)->Unit(kNanosecond);
+  }
+
+  using qmbench::Clock;
+  using qmbench::Goal;
+  using qmbench::Row;
+  // One summary line: bench (at threads) against bare (at bareThreads).
+  auto row = [](std::string label, std::string bench, int64_t threads, std::string bare,
+                int64_t bareThreads, Clock clock, Goal goal, double target) {
+    Row r;
+    r.label = std::move(label);
+    r.bench = std::move(bench);
+    r.threads = threads;
+    r.bare = std::move(bare);
+    r.bareThreads = bareThreads;
+    r.clock = clock;
+    r.goal = goal;
+    r.target = target;
+    return r;
+  };
+  auto gain = [&row](std::string label, const std::string &bench, Goal goal, double target) {
+    Row r = row(std::move(label), bench, 2, bench, 1, Clock::Real, goal, target);
+    r.speedup = true;
+    return r;
+  };
+  const std::string bareFirst = "bare/first_holder_calls";
+  const std::string bareJoin = "bare/stat_open_close";
+  std::vector<Row> rows = {
+      row("first holder 0x005 (option matched) vs bare calls", first5, 1, bareFirst, 1, Clock::Cpu,
+          Goal::RatioAtMost, 1.3),
+      row("first holder 0x105 (option given) vs bare calls", first105, 1, bareFirst, 1, Clock::Cpu,
+          Goal::Info, 0),
+      row("joiner 0x04a (option matched) vs stat+open+close", join4a, 1, bareJoin, 1, Clock::Cpu,
+          Goal::RatioAtMost, 1.5),
+      row("joiner 0x14a (option given) vs stat+open+close", join14a, 1, bareJoin, 1, Clock::Cpu,
+          Goal::Info, 0),
+      row("UpdateIOInfo, 1 thread", "io/update", 1, "", 1, Clock::Cpu, Goal::ValueBelow, 50),
+      row("UpdateIOInfo, 2 threads on 2 files", "io/update", 2, "", 1, Clock::Cpu, Goal::ValueBelow,
+          50),
+      row("UpdateIOInfo, 2 threads on 2 files", "io/update", 2, "", 1, Clock::RealPerThread,
+          Goal::ValueBelow, 50),
+      gain("UpdateIOInfo, 2 threads vs 1 (throughput gain)", "io/update", Goal::Info, 0),
+  };
+  Row pool = row("pool bytes per held file", "pool/bytes_per_file", 1, "", 1, Clock::Cpu,
+                 Goal::ValueBelow, 1024);
+  pool.counter = "bytes_per_file";
+  pool.unit = "B";
+  rows.push_back(pool);
+  rows.push_back(
+      gain("get+release 0x005, 2 threads vs 1 (throughput gain)", first5, Goal::RatioAtLeast, 1.6));
+  rows.push_back(gain("bare calls, 2 threads vs 1 (throughput gain)", bareFirst, Goal::Info, 0));
+  // Sleeps on a mutex do not show on the CPU clock; the switch count does.
+  Row waits = row("get+release 0x005, 2 threads: sleeps per op vs bare calls", first5, 2, bareFirst,
+                  2, Clock::Cpu, Goal::Info, 0);
+  waits.counter = "vcsw/op";
+  waits.unit = "";
+  rows.push_back(waits);
+  for (const std::string &name : besideNames) {
+    rows.push_back(row("get+release 0x105 beside held files vs bare calls", name, 1, bareFirst, 1,
+                       Clock::Cpu, Goal::Info, 0));
+  }
+
+  const int rc = qmbench::runAndSummarise(argc, argv, rows);
+  g.reset();
+  return rc;
+}
