@@ -48,18 +48,18 @@ typedef struct QMHOST_CONFIG_S {
 } QMHostConfig;
 
 /* Fills *cfg with the defaults (stderr default journal, UTF-8, no builtins). */
-QM_EXPORT void qmhost_config_init(QMHostConfig *cfg);
+QM_EXPORT void qmhost_config_init(QMHostConfig *cfg) QM_NOEXCEPT;
 /* Creates a host; cfg null means the defaults. Returns null on failure. */
-QM_EXPORT QMHndlp qmhost_create(const QMHostConfig *cfg);
+QM_EXPORT QMHndlp qmhost_create(const QMHostConfig *cfg) QM_NOEXCEPT;
 /* Destroys the host and everything still live that it created. */
-QM_EXPORT void qmhost_destroy(QMHndlp h);
+QM_EXPORT void qmhost_destroy(QMHndlp h) QM_NOEXCEPT;
 
 /* Loads extension name (a narrow string) through h->loadExtension. */
-QM_EXPORT QMExtensionh qmhost_load_extension(QMHndlp h, const char *name, QMJnlh jnl);
+QM_EXPORT QMExtensionh qmhost_load_extension(QMHndlp h, const char *name, QMJnlh jnl) QM_NOEXCEPT;
 
 /* ---- journals --------------------------------------------------------- */
 
-QM_EXPORT QMJnlh qmhost_journal_create(QMHndlp h, QMJnlKind kind, const char *path);
+QM_EXPORT QMJnlh qmhost_journal_create(QMHndlp h, QMJnlKind kind, const char *path) QM_NOEXCEPT;
 
 /* One journal entry as recorded: every kind of journal keeps its last 4096
    entries in memory. */
@@ -70,10 +70,10 @@ typedef struct QMHOST_JOURNAL_ENTRY_S {
   size_t ncodes;
 } QMHostJournalEntry;
 
-QM_EXPORT size_t qmhost_journal_count(QMJnlh jnl);
+QM_EXPORT size_t qmhost_journal_count(QMJnlh jnl) QM_NOEXCEPT;
 /* Fills *out with entry i (0 = oldest kept); 0 or QM_E_BAD_ARGUMENT. */
-QM_EXPORT QMStatus qmhost_journal_entry(QMJnlh jnl, size_t i, QMHostJournalEntry *out);
-QM_EXPORT void qmhost_journal_clear(QMJnlh jnl);
+QM_EXPORT QMStatus qmhost_journal_entry(QMJnlh jnl, size_t i, QMHostJournalEntry *out) QM_NOEXCEPT;
+QM_EXPORT void qmhost_journal_clear(QMJnlh jnl) QM_NOEXCEPT;
 
 /* ---- accounting ------------------------------------------------------- */
 
@@ -88,9 +88,9 @@ typedef struct QMHOST_STATS_S {
   size_t bad_frees;    /* memFree calls refused (double or foreign frees) */
 } QMHostStats;
 
-QM_EXPORT void qmhost_stats(QMHndlp h, QMHostStats *out);
-QM_EXPORT size_t qmhost_pool_live_blocks(QMPoolh pool);
-QM_EXPORT size_t qmhost_pool_live_bytes(QMPoolh pool);
+QM_EXPORT void qmhost_stats(QMHndlp h, QMHostStats *out) QM_NOEXCEPT;
+QM_EXPORT size_t qmhost_pool_live_blocks(QMPoolh pool) QM_NOEXCEPT;
+QM_EXPORT size_t qmhost_pool_live_bytes(QMPoolh pool) QM_NOEXCEPT;
 
 /* ---- failure injection (for tests) ------------------------------------ */
 
@@ -107,18 +107,18 @@ typedef enum QMHOST_FAIL_KIND_E {
 
 /* Makes the nth call of kind from now on fail (1 = the next one); 0 turns
    the injection off. The failing call returns null or QM_E_INJECTED_FAILURE. */
-QM_EXPORT void qmhost_fail_nth(QMHndlp h, QMHostFailKind kind, long n);
+QM_EXPORT void qmhost_fail_nth(QMHndlp h, QMHostFailKind kind, long n) QM_NOEXCEPT;
 /* Calls of kind made so far (failed ones included). */
-QM_EXPORT long qmhost_call_count(QMHndlp h, QMHostFailKind kind);
+QM_EXPORT long qmhost_call_count(QMHndlp h, QMHostFailKind kind) QM_NOEXCEPT;
 
 /* ---- text ------------------------------------------------------------- */
 
 /* UTF-8 to QMChar: writes at most cap characters (no terminator) and returns
    the number of characters the whole text takes. Malformed bytes become U+FFFD. */
-QM_EXPORT size_t qmhost_from_utf8(const char *s, QMChar *out, size_t cap);
+QM_EXPORT size_t qmhost_from_utf8(const char *s, QMChar *out, size_t cap) QM_NOEXCEPT;
 /* QMChar to UTF-8: writes at most cap-1 bytes and a NUL; returns the bytes
    the whole text takes without the NUL. */
-QM_EXPORT size_t qmhost_to_utf8(const QMChar *s, size_t len, char *out, size_t cap);
+QM_EXPORT size_t qmhost_to_utf8(const QMChar *s, size_t len, char *out, size_t cap) QM_NOEXCEPT;
 
 QM_EXTERN_C_END
 

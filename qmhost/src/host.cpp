@@ -1,0 +1,151 @@
+/*
+ * host.cpp - the kernel handle: creation from a configuration, the clock
+ * (ConfigureSystem), the per-thread last status, accounting, failure
+ * injection, and destruction of everything the host still owns. The host
+ * object is a C++ object whose first member is the QMHndl table.
+ */
+#include <time.h>
+
+#include "host_internal.h"
+
+namespace qmhost {
+
+namespace {
+
+std::atomic<uint64_t> nextHostSerial{1};
+
+// The calling thread's last failure, and the host it happened in.
+struct LastStatus {
+  uint64_t host;
+  QMStatus status;
+};
+thread_local LastStatus tLastStatus{0, 0};
+
+QMStatus hostLastStatus(QMHndlp h) noexcept {
+  if (h == nullptr) return QM_E_BAD_ARGUMENT;
+  return tLastStatus.host == hostOf(h)->serial ? tLastStatus.status : 0;
+}
+
+// QM_CONFIG_DATETIME: the time of day in seconds since the Unix epoch, and
+// an offset of 0.0 to subtract from it.
+QMStatus hostConfigureSystem(QMHndlp h, int request, void *buffer, uint32_t flags) noexcept {
+  if (h == nullptr) return QM_E_BAD_ARGUMENT;
+  if (request != QM_CONFIG_DATETIME || flags != QM_CONFIG_DATETIME_FLAGS)
+    return QM_E_UNSUPPORTED_REQUEST;
+  if (buffer == nullptr) return QM_E_BAD_ARGUMENT;
+  timespec ts{};
+  clock_gettime(CLOCK_REALTIME, &ts);
+  auto *out = static_cast<double *>(buffer);
+  out[0] = static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+  out[1] = 0.0;
+  return 0;
+}
+
+QMStatus hostDestroy(void *object) noexcept {
+  qmhost_destroy(static_cast<QMHndlp>(object));
+  return 0;
+}
+
+}  // namespace
+
+void setLastStatus(Host *host, QMStatus status) noexcept {
+  tLastStatus = {host->serial, status};
+}
+
+}  // namespace qmhost
+
+using qmhost::Host;
+
+extern "C" {
+
+QM_EXPORT void qmhost_config_init(QMHostConfig *cfg) noexcept {
+  if (cfg == nullptr) return;
+  *cfg = QMHostConfig{};
+  cfg->iobytecount = QMIO_ByteCount_Default;
+  cfg->default_journal = QM_JNL_STDERR;
+  cfg->os_encoding = QM_CEI_UTF8;
+}
+
+QM_EXPORT QMHndlp qmhost_create(const QMHostConfig *cfg) noexcept {
+  QMHostConfig defaults;
+  qmhost_config_init(&defaults);
+  if (cfg == nullptr) cfg = &defaults;
+  if (cfg->nbuiltins > 0 && cfg->builtins == nullptr) return nullptr;
+  try {
+    auto host = std::make_unique<Host>();
+    host->serial = qmhost::nextHostSerial.fetch_add(1);
+    if (cfg->extension_path != nullptr) {
+      host->extensionPath = cfg->extension_path;
+      host->hasExtensionPath = true;
+    }
+    host->osEncoding = cfg->os_encoding != QM_CEI_OS ? cfg->os_encoding : QM_CEI_UTF8;
+    for (size_t i = 0; i < cfg->nbuiltins; ++i) {
+      const QMHostBuiltinExtension &b = cfg->builtins[i];
+      if (b.name == nullptr) return nullptr;
+      host->builtins.push_back({b.name, b.entry, b.version, b.factory});
+    }
+    qmhost::initNls(host.get());
+
+    QMHndl &pub = host->pub;
+    pub.generic.oven = qmhost::oven("qmhk");
+    static char kName[] = "qm host";
+    pub.generic.name = kName;
+    pub.generic.destroy = qmhost::hostDestroy;
+    pub.lockCreate = qmhost::lockCreate;
+    pub.jnlCreate = qmhost::jnlCreate;
+    pub.poolCreate = qmhost::poolCreate;
+    pub.loadExtension = qmhost::loadExtension;
+    pub.qmnls = &host->nls.pub;
+    pub.ConfigureSystem = qmhost::hostConfigureSystem;
+    pub.iobytecount = cfg->iobytecount;
+    pub.lastStatus = qmhost::hostLastStatus;
+    QMStatus st = 0;
+    pub.qmjnl =
+        qmhost::makeJournal(host.get(), cfg->default_journal, cfg->default_journal_path, &st);
+    if (pub.qmjnl == nullptr) return nullptr;
+    return &host.release()->pub;
+  } catch (const std::bad_alloc &) {
+    return nullptr;
+  }
+}
+
+// Extensions first (their destroys free their own pools and mutexes through
+// the host), then whatever callers left: pipelines, journals, mutexes, pools.
+QM_EXPORT void qmhost_destroy(QMHndlp h) noexcept {
+  if (h == nullptr) return;
+  std::unique_ptr<Host> host(qmhost::hostOf(h));
+  qmhost::destroyAllExtensions(host.get());
+  host->pipelines.clear();
+  host->journals.clear();
+  host->locks.clear();
+  host->pools.clear();
+}
+
+QM_EXPORT void qmhost_stats(QMHndlp h, QMHostStats *out) noexcept {
+  if (h == nullptr || out == nullptr) return;
+  Host *host = qmhost::hostOf(h);
+  *out = QMHostStats{};
+  out->pools = host->pools.size();
+  out->pool_blocks = host->poolBlocks.load();
+  out->pool_bytes = host->poolBytes.load();
+  out->mutexes = host->locks.size();
+  out->journals = host->journals.size();
+  out->pipelines = host->pipelines.size();
+  {
+    std::lock_guard<std::mutex> g(host->extMutex);
+    out->extensions = host->exts.size();
+  }
+  out->bad_frees = host->badFrees.load();
+}
+
+QM_EXPORT void qmhost_fail_nth(QMHndlp h, QMHostFailKind kind, long n) noexcept {
+  if (h == nullptr || kind < 0 || kind >= QMHOST_FAIL_KINDS) return;
+  qmhost::hostOf(h)->fail.failNth(kind, n);
+}
+
+QM_EXPORT long qmhost_call_count(QMHndlp h, QMHostFailKind kind) noexcept {
+  if (h == nullptr || kind < 0 || kind >= QMHOST_FAIL_KINDS) return 0;
+  return qmhost::hostOf(h)->fail.calls(kind);
+}
+
+}  // extern "C"

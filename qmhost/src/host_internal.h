@@ -1,0 +1,267 @@
+/*
+ * host_internal.h - the private objects of the substitute host.
+ *
+ * Every public table (QMHndl, QMPool, QMLock, QMJnl, QMNLSPipeline) is the
+ * first member of a larger C++ object, so a handle converts back to its object
+ * with a cast. The host owns every object it made through one registry per
+ * kind; a registry's mutex guards only its map and is never held while an
+ * object is destroyed or a caller's code runs. Nothing here is exported.
+ */
+#ifndef QMHOST_HOST_INTERNAL_H
+#define QMHOST_HOST_INTERNAL_H
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "qmhost/qmhost.h"
+
+namespace qmhost {
+
+struct Host;
+
+// The eye-catcher of a host object: four readable bytes.
+inline int32_t oven(const char (&tag)[5]) {
+  int32_t v;
+  std::memcpy(&v, tag, sizeof v);
+  return v;
+}
+
+// Records status as the calling thread's last failure in host (lastStatus).
+void setLastStatus(Host *host, QMStatus status) noexcept;
+
+// ---- failure injection -------------------------------------------------
+
+// One counter of calls and one armed call number per kind. hit() is a relaxed
+// atomic increment and load: cheap enough for memAlloc.
+class FailPoints {
+ public:
+  // Counts a call of kind; true when this call must fail (once per arming).
+  bool hit(QMHostFailKind kind) noexcept {
+    const long n = calls_[kind].fetch_add(1, std::memory_order_relaxed) + 1;
+    long at = failAt_[kind].load(std::memory_order_relaxed);
+    return at != 0 && n == at && failAt_[kind].compare_exchange_strong(at, 0);
+  }
+  // Arms the nth call from now (n >= 1); n <= 0 disarms.
+  void failNth(QMHostFailKind kind, long n) noexcept {
+    failAt_[kind].store(n > 0 ? calls_[kind].load() + n : 0);
+  }
+  long calls(QMHostFailKind kind) const noexcept { return calls_[kind].load(); }
+
+ private:
+  std::atomic<long> calls_[QMHOST_FAIL_KINDS] = {};
+  std::atomic<long> failAt_[QMHOST_FAIL_KINDS] = {};
+};
+
+// ---- registries ----------------------------------------------------------
+
+// The live objects of one kind, owned by the host. take() hands an object
+// back to the caller that destroys it; a pointer that is not live (destroyed
+// already, or never made here) is refused without being read.
+template <class T>
+class Registry {
+ public:
+  // Takes ownership; null (and the object destroyed) when the map cannot grow.
+  T *add(std::unique_ptr<T> obj) noexcept {
+    T *raw = obj.get();
+    try {
+      std::lock_guard<std::mutex> g(m_);
+      live_.emplace(raw, std::move(obj));
+      return raw;
+    } catch (const std::bad_alloc &) {
+      return nullptr;
+    }
+  }
+  std::unique_ptr<T> take(const void *obj) noexcept {
+    std::lock_guard<std::mutex> g(m_);
+    auto it = live_.find(static_cast<T *>(const_cast<void *>(obj)));
+    if (it == live_.end()) return nullptr;
+    std::unique_ptr<T> owned = std::move(it->second);
+    live_.erase(it);
+    return owned;
+  }
+  size_t size() const noexcept {
+    std::lock_guard<std::mutex> g(m_);
+    return live_.size();
+  }
+  // Destroys every object still live (outside the registry's mutex).
+  void clear() noexcept {
+    std::unordered_map<T *, std::unique_ptr<T>> doomed;
+    {
+      std::lock_guard<std::mutex> g(m_);
+      doomed.swap(live_);
+    }
+  }
+
+ private:
+  mutable std::mutex m_;
+  std::unordered_map<T *, std::unique_ptr<T>> live_;  // guarded by m_
+};
+
+// ---- pools -------------------------------------------------------------------
+
+// Mutex rules: m guards blocks and bytes; host counters are atomics updated
+// after m is released. host and name never change.
+struct Pool {
+  QMPool pub;                                 // the table callers see
+  Host *host;                                 // the host that made it
+  std::string name;                           // pub.generic.name points here
+  mutable std::mutex m;                       // guards blocks and bytes
+  std::unordered_map<void *, size_t> blocks;  // live block -> requested size
+  size_t bytes = 0;                           // sum of the live sizes
+
+  Pool(Host *h, const char *poolName);
+  ~Pool();  // frees every live block
+};
+
+QMPoolh poolCreate(QMHndlp h, const QMPoolCreateParms *parms, QMJnlh jnl,
+                   const char *name) noexcept;
+
+// ---- mutexes --------------------------------------------------------------
+
+// The holder bookkeeping is written by holders only, before they unlock:
+// owner by the exclusive holder, shared by each shared holder.
+struct Lock {
+  QMLock pub;                       // the table callers see
+  Host *host;                       // the host that made it
+  std::string name;                 // pub.generic.name points here
+  std::shared_mutex m;              // the mutex itself
+  std::atomic<uintptr_t> owner{0};  // thread id of the exclusive holder, 0 if none
+  std::atomic<long> shared{0};      // number of shared holders
+
+  Lock(Host *h, const char *lockName);
+};
+
+QMLockh lockCreate(QMHndlp h, const QMLockCreateParms *parms, QMJnlh jnl,
+                   const char *name) noexcept;
+
+// ---- journals -------------------------------------------------------------
+
+struct JournalEntry {
+  QMSeverity severity;
+  std::string text;             // UTF-8
+  std::vector<QMStatus> codes;  // statuses rendered into the text, in order
+};
+
+// Mutex rules: m guards entries and the writes to fd / stderr, so the lines
+// of a journal appear in the order of its entries. Everything else is fixed
+// at creation.
+struct Journal {
+  QMJnl pub;                         // the table callers see
+  Host *host;                        // the host that made it
+  uint64_t serial;                   // unique in the process; keys pending codes
+  QMJnlKind kind;                    // where entries go besides memory
+  int fd = -1;                       // QM_JNL_FILE: the file, opened for append
+  std::mutex m;                      // guards entries and the output
+  std::deque<JournalEntry> entries;  // the newest kMaxEntries entries
+
+  static constexpr size_t kMaxEntries = 4096;
+
+  Journal(Host *h, QMJnlKind k);
+  ~Journal();
+  Journal(const Journal &) = delete;
+  Journal &operator=(const Journal &) = delete;
+
+  // Keeps an entry and writes its line; QM_E_IO when the line could not be
+  // written (the entry is kept all the same). May throw std::bad_alloc.
+  QMStatus record(QMSeverity sev, const std::vector<QMChar> &text, std::vector<QMStatus> codes);
+};
+
+QMJnlh jnlCreate(QMHndlp h, const QMJnlCreateParms *parms, void *reserved1,
+                 void *reserved2) noexcept;
+// Makes a journal without counting a JNL_CREATE call (the host's own qmjnl).
+// Null with *status set on failure.
+QMJnlh makeJournal(Host *host, uint32_t kind, const char *path, QMStatus *status) noexcept;
+// Journals status followed by detail (UTF-8) as one entry with codes
+// {status}; nothing when jnl is null. For the host's own diagnostics.
+void journalDetail(QMJnlh jnl, QMStatus status, const std::string &detail) noexcept;
+// Journals the catalogue text of status (no parameters); nothing when jnl is null.
+void journalStatus(QMJnlh jnl, QMStatus status) noexcept;
+
+// ---- NLS --------------------------------------------------------------------
+
+struct Pipeline {
+  QMNLSPipeline pub;  // the table callers see
+  Host *host;         // the host that made it
+};
+
+// The NLS services table and the default locale, one of each per host.
+struct Nls {
+  QMNLS pub;
+  Host *host;
+};
+struct Locale {
+  QMLocale pub;
+  Host *host;
+};
+
+// Fills host->nls and host->locale.
+void initNls(Host *host) noexcept;
+
+// ---- extensions -------------------------------------------------------------
+
+struct Builtin {
+  std::string name;
+  QMExtEntryFn entry;
+  QMExtVerFn version;
+  QMExtFactoryFn factory;
+};
+
+struct ExtRecord {
+  QMExtensionh ext;  // the extension object (memory of the extension)
+  void *dl;          // dlopen handle; null for a builtin
+};
+
+QMExtensionh loadExtension(QMHndlp h, const QMChar *name, QMStrSize namelen, QMJnlh jnl) noexcept;
+// Destroys the loaded extensions, oldest load first: an extension that loaded
+// others while it was made (or later) destroys them itself.
+void destroyAllExtensions(Host *host) noexcept;
+
+// ---- the host -----------------------------------------------------------------
+
+// Destruction order matters: the counters outlive the registries (a pool's
+// destructor updates them), and the registries go pipelines, journals,
+// mutexes, pools (reverse of declaration).
+struct Host {
+  QMHndl pub;                       // the table callers see; first member
+  uint64_t serial;                  // unique in the process; keys lastStatus
+  std::string extensionPath;        // cfg->extension_path, when given
+  bool hasExtensionPath = false;    // whether extensionPath came from cfg
+  NLScei osEncoding = QM_CEI_UTF8;  // what osEncoding answers
+  std::vector<Builtin> builtins;    // copied from cfg
+
+  FailPoints fail;
+  std::atomic<size_t> poolBlocks{0};  // live blocks over all pools
+  std::atomic<size_t> poolBytes{0};   // live bytes over all pools
+  std::atomic<size_t> badFrees{0};    // refused memFree calls
+
+  Nls nls;        // pub.qmnls points at nls.pub
+  Locale locale;  // the default locale
+
+  Registry<Pool> pools;
+  Registry<Lock> locks;
+  Registry<Journal> journals;
+  Registry<Pipeline> pipelines;
+
+  std::mutex extMutex;                 // guards exts and extSeq
+  std::map<uint64_t, ExtRecord> exts;  // load sequence -> extension
+  uint64_t extSeq = 0;                 // next load sequence
+};
+
+// A public table is the first member of its object.
+inline Host *hostOf(QMHndlp h) {
+  return reinterpret_cast<Host *>(h);
+}
+
+}  // namespace qmhost
+
+#endif  // QMHOST_HOST_INTERNAL_H

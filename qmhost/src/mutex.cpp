@@ -1,0 +1,119 @@
+/*
+ * mutex.cpp - the host's mutexes: a std::shared_mutex with a record of its
+ * holders, so that release knows which mode the calling thread holds. The
+ * record is updated before the unlock and the object is never touched after
+ * it: a thread that takes the mutex next may destroy it at once.
+ */
+#include <pthread.h>
+
+#include <system_error>
+
+#include "host_internal.h"
+
+namespace qmhost {
+
+namespace {
+
+Lock *asLock(QMLockh l) {
+  return reinterpret_cast<Lock *>(l);
+}
+
+// pthread_self is a register read on Linux and never 0 for a live thread.
+uintptr_t self() {
+  return static_cast<uintptr_t>(pthread_self());
+}
+
+QMStatus lockGet(QMLockh lh, int exclusive, int wait) noexcept {
+  if (lh == nullptr) return QM_E_BAD_ARGUMENT;
+  Lock *l = asLock(lh);
+  const uintptr_t me = self();
+  // The mutex is not recursive: a second get by the exclusive holder would
+  // never return.
+  if (l->owner.load(std::memory_order_relaxed) == me) return QM_E_BUSY;
+  try {
+    if (exclusive != 0) {
+      if (wait != 0)
+        l->m.lock();
+      else if (!l->m.try_lock())
+        return QM_E_BUSY;
+      l->owner.store(me, std::memory_order_relaxed);
+    } else {
+      if (wait != 0)
+        l->m.lock_shared();
+      else if (!l->m.try_lock_shared())
+        return QM_E_BUSY;
+      l->shared.fetch_add(1, std::memory_order_relaxed);
+    }
+  } catch (const std::system_error &) {
+    return QM_E_BUSY;  // the library saw a deadlock, or too many readers
+  }
+  return 0;
+}
+
+// Only the exclusive holder ever stores its own id in owner, so reading our
+// id there means we hold the mutex exclusively (relaxed is enough: a thread
+// always sees its own latest store).
+QMStatus lockRelease(QMLockh lh) noexcept {
+  if (lh == nullptr) return QM_E_BAD_ARGUMENT;
+  Lock *l = asLock(lh);
+  if (l->owner.load(std::memory_order_relaxed) == self()) {
+    l->owner.store(0, std::memory_order_relaxed);
+    l->m.unlock();
+    return 0;
+  }
+  long n = l->shared.load(std::memory_order_relaxed);
+  while (n > 0) {
+    if (l->shared.compare_exchange_weak(n, n - 1, std::memory_order_relaxed)) {
+      l->m.unlock_shared();
+      return 0;
+    }
+  }
+  return QM_E_NOT_HELD;
+}
+
+// The caller may hold the mutex exclusively (it took it to be sure nobody
+// else does): it is released first. Held by anyone else: QM_E_BUSY, and the
+// mutex stays live.
+QMStatus lockDestroy(void *object) noexcept {
+  if (object == nullptr) return QM_E_BAD_ARGUMENT;
+  Lock *l = static_cast<Lock *>(object);
+  if (l->owner.load(std::memory_order_relaxed) == self()) {
+    l->owner.store(0, std::memory_order_relaxed);
+    l->m.unlock();
+  } else if (l->owner.load(std::memory_order_relaxed) != 0 ||
+             l->shared.load(std::memory_order_relaxed) > 0) {
+    return QM_E_BUSY;
+  }
+  std::unique_ptr<Lock> owned = l->host->locks.take(object);
+  return owned ? 0 : QM_E_BAD_ARGUMENT;
+}
+
+}  // namespace
+
+Lock::Lock(Host *h, const char *lockName)
+    : host(h), name(lockName != nullptr ? lockName : "mutex") {
+  pub.generic.oven = oven("lock");
+  pub.generic.name = name.data();
+  pub.generic.destroy = lockDestroy;
+  pub.get = lockGet;
+  pub.release = lockRelease;
+}
+
+QMLockh lockCreate(QMHndlp h, const QMLockCreateParms * /*parms: every mutex is shared-capable*/,
+                   QMJnlh /*jnl*/, const char *name) noexcept {
+  if (h == nullptr) return nullptr;
+  Host *host = hostOf(h);
+  if (host->fail.hit(QMHOST_FAIL_LOCK_CREATE)) {
+    setLastStatus(host, QM_E_INJECTED_FAILURE);
+    return nullptr;
+  }
+  try {
+    Lock *lock = host->locks.add(std::make_unique<Lock>(host, name));
+    if (lock != nullptr) return &lock->pub;
+  } catch (const std::bad_alloc &) {
+  }
+  setLastStatus(host, QM_E_NO_MEMORY);
+  return nullptr;
+}
+
+}  // namespace qmhost
