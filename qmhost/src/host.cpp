@@ -126,8 +126,13 @@ QM_EXPORT void qmhost_stats(QMHndlp h, QMHostStats *out) noexcept {
   Host *host = qmhost::hostOf(h);
   *out = QMHostStats{};
   out->pools = host->pools.size();
-  out->pool_blocks = host->poolBlocks.load();
-  out->pool_bytes = host->poolBytes.load();
+  host->pools.forEach([out](const qmhost::Pool &pool) {
+    for (const qmhost::PoolShard &shard : pool.shards) {
+      std::lock_guard<std::mutex> g(shard.m);
+      out->pool_blocks += shard.blocks.size();
+      out->pool_bytes += shard.bytes;
+    }
+  });
   out->mutexes = host->locks.size();
   out->journals = host->journals.size();
   out->pipelines = host->pipelines.size();

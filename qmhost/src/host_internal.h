@@ -10,6 +10,7 @@
 #ifndef QMHOST_HOST_INTERNAL_H
 #define QMHOST_HOST_INTERNAL_H
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
@@ -47,18 +48,23 @@ class FailPoints {
  public:
   // Counts a call of kind; true when this call must fail (once per arming).
   bool hit(QMHostFailKind kind) noexcept {
-    const long n = calls_[kind].fetch_add(1, std::memory_order_relaxed) + 1;
+    const long n = calls_[kind].n.fetch_add(1, std::memory_order_relaxed) + 1;
     long at = failAt_[kind].load(std::memory_order_relaxed);
     return at != 0 && n == at && failAt_[kind].compare_exchange_strong(at, 0);
   }
   // Arms the nth call from now (n >= 1); n <= 0 disarms.
   void failNth(QMHostFailKind kind, long n) noexcept {
-    failAt_[kind].store(n > 0 ? calls_[kind].load() + n : 0);
+    failAt_[kind].store(n > 0 ? calls_[kind].n.load() + n : 0);
   }
-  long calls(QMHostFailKind kind) const noexcept { return calls_[kind].load(); }
+  long calls(QMHostFailKind kind) const noexcept { return calls_[kind].n.load(); }
 
  private:
-  std::atomic<long> calls_[QMHOST_FAIL_KINDS] = {};
+  // Each kind's counter on a cache line of its own: allocations on one core
+  // do not slow mutex creation on another.
+  struct alignas(64) Counter {
+    std::atomic<long> n{0};
+  };
+  Counter calls_[QMHOST_FAIL_KINDS];
   std::atomic<long> failAt_[QMHOST_FAIL_KINDS] = {};
 };
 
@@ -73,54 +79,90 @@ class Registry {
   // Takes ownership; null (and the object destroyed) when the map cannot grow.
   T *add(std::unique_ptr<T> obj) noexcept {
     T *raw = obj.get();
+    Shard &sh = shardOf(raw);
     try {
-      std::lock_guard<std::mutex> g(m_);
-      live_.emplace(raw, std::move(obj));
+      std::lock_guard<std::mutex> g(sh.m);
+      sh.live.emplace(raw, std::move(obj));
       return raw;
     } catch (const std::bad_alloc &) {
       return nullptr;
     }
   }
   std::unique_ptr<T> take(const void *obj) noexcept {
-    std::lock_guard<std::mutex> g(m_);
-    auto it = live_.find(static_cast<T *>(const_cast<void *>(obj)));
-    if (it == live_.end()) return nullptr;
+    T *key = static_cast<T *>(const_cast<void *>(obj));
+    Shard &sh = shardOf(key);
+    std::lock_guard<std::mutex> g(sh.m);
+    auto it = sh.live.find(key);
+    if (it == sh.live.end()) return nullptr;
     std::unique_ptr<T> owned = std::move(it->second);
-    live_.erase(it);
+    sh.live.erase(it);
     return owned;
   }
   size_t size() const noexcept {
-    std::lock_guard<std::mutex> g(m_);
-    return live_.size();
+    size_t n = 0;
+    for (const Shard &sh : shards_) {
+      std::lock_guard<std::mutex> g(sh.m);
+      n += sh.live.size();
+    }
+    return n;
   }
-  // Destroys every object still live (outside the registry's mutex).
+  // Calls f on every live object, each under its shard's mutex.
+  template <class F>
+  void forEach(F &&f) const {
+    for (const Shard &sh : shards_) {
+      std::lock_guard<std::mutex> g(sh.m);
+      for (const auto &entry : sh.live) f(*entry.second);
+    }
+  }
+  // Destroys every object still live (outside the registry's mutexes).
   void clear() noexcept {
-    std::unordered_map<T *, std::unique_ptr<T>> doomed;
-    {
-      std::lock_guard<std::mutex> g(m_);
-      doomed.swap(live_);
+    for (Shard &sh : shards_) {
+      std::unordered_map<T *, std::unique_ptr<T>> doomed;
+      {
+        std::lock_guard<std::mutex> g(sh.m);
+        doomed.swap(sh.live);
+      }
     }
   }
 
  private:
-  mutable std::mutex m_;
-  std::unordered_map<T *, std::unique_ptr<T>> live_;  // guarded by m_
+  // Objects are spread over shards by address, so threads that create and
+  // destroy different objects rarely meet on one mutex.
+  struct alignas(64) Shard {
+    mutable std::mutex m;
+    std::unordered_map<T *, std::unique_ptr<T>> live;  // guarded by m
+  };
+  static constexpr size_t kShards = 8;
+  Shard &shardOf(const void *obj) {
+    auto v = reinterpret_cast<uintptr_t>(obj) >> 4;
+    return shards_[(v ^ (v >> 9)) % kShards];
+  }
+  std::array<Shard, kShards> shards_;
 };
 
 // ---- pools -------------------------------------------------------------------
 
 // Mutex rules: m guards blocks and bytes; host counters are atomics updated
 // after m is released. host and name never change.
-struct Pool {
-  QMPool pub;                                 // the table callers see
-  Host *host;                                 // the host that made it
-  std::string name;                           // pub.generic.name points here
+// One slice of a pool's live blocks. A block always lives in the shard its
+// address selects, so threads that allocate different blocks rarely meet on
+// the same mutex.
+struct alignas(64) PoolShard {
   mutable std::mutex m;                       // guards blocks and bytes
   std::unordered_map<void *, size_t> blocks;  // live block -> requested size
   size_t bytes = 0;                           // sum of the live sizes
+};
+
+struct Pool {
+  static constexpr size_t kShards = 16;
+  QMPool pub;                          // the table callers see
+  Host *host;                          // the host that made it
+  std::string name;                    // pub.generic.name points here
+  std::array<PoolShard, kShards> shards;
 
   Pool(Host *h, const char *poolName);
   ~Pool();  // frees every live block
+  PoolShard &shardOf(const void *block);
 };
 
 QMPoolh poolCreate(QMHndlp h, const QMPoolCreateParms *parms, QMJnlh jnl,
@@ -240,8 +282,6 @@ struct Host {
   std::vector<Builtin> builtins;    // copied from cfg
 
   FailPoints fail;
-  std::atomic<size_t> poolBlocks{0};  // live blocks over all pools
-  std::atomic<size_t> poolBytes{0};   // live bytes over all pools
   std::atomic<size_t> badFrees{0};    // refused memFree calls
 
   Nls nls;        // pub.qmnls points at nls.pub

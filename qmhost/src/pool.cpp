@@ -1,7 +1,7 @@
 /*
  * pool.cpp - memory pools. Each block is its own malloc (so AddressSanitizer
- * sees a use after free) and is recorded in its pool's map under the pool's
- * mutex; destroying the pool frees what is left. memFree of a pointer the
+ * sees a use after free) and is recorded in one of its pool's shards, under
+ * that shard's mutex; destroying the pool frees what is left. memFree of a pointer the
  * pool does not hold is refused with QM_E_BAD_FREE. Blocks not asked to be
  * zero-filled are filled with kFillByte, so code that relies on zeroed memory
  * without asking for it is caught.
@@ -16,7 +16,7 @@ namespace qmhost {
 namespace {
 
 constexpr unsigned char kFillByte = 0xA5;
-constexpr size_t kInitialBuckets = 64;
+constexpr size_t kInitialBuckets = 16;
 
 Pool *asPool(QMPoolh p) {
   return reinterpret_cast<Pool *>(p);
@@ -38,16 +38,15 @@ void *poolAlloc(QMPoolh ph, QMMemSize size, uint32_t flags) noexcept {
   }
   std::memset(block, (flags & QM_POOL_ZERO_FILL) != 0 ? 0 : kFillByte, size);
   try {
-    std::lock_guard<std::mutex> g(pool->m);
-    pool->blocks.emplace(block, size);
-    pool->bytes += size;
+    PoolShard &shard = pool->shardOf(block);
+    std::lock_guard<std::mutex> g(shard.m);
+    shard.blocks.emplace(block, size);
+    shard.bytes += size;
   } catch (const std::bad_alloc &) {
     std::free(block);
     setLastStatus(host, QM_E_NO_MEMORY);
     return nullptr;
   }
-  host->poolBlocks.fetch_add(1, std::memory_order_relaxed);
-  host->poolBytes.fetch_add(size, std::memory_order_relaxed);
   return block;
 }
 
@@ -58,13 +57,14 @@ QMStatus poolFree(QMPoolh ph, void *block) noexcept {
   size_t size = 0;
   bool known = false;
   if (block != nullptr) {
-    std::lock_guard<std::mutex> g(pool->m);
-    auto it = pool->blocks.find(block);
-    if (it != pool->blocks.end()) {
+    PoolShard &shard = pool->shardOf(block);
+    std::lock_guard<std::mutex> g(shard.m);
+    auto it = shard.blocks.find(block);
+    if (it != shard.blocks.end()) {
       known = true;
       size = it->second;
-      pool->bytes -= size;
-      pool->blocks.erase(it);
+      shard.bytes -= size;
+      shard.blocks.erase(it);
     }
   }
   if (!known) {
@@ -72,8 +72,6 @@ QMStatus poolFree(QMPoolh ph, void *block) noexcept {
     return QM_E_BAD_FREE;
   }
   std::free(block);
-  host->poolBlocks.fetch_sub(1, std::memory_order_relaxed);
-  host->poolBytes.fetch_sub(size, std::memory_order_relaxed);
   return 0;
 }
 
@@ -92,13 +90,19 @@ Pool::Pool(Host *h, const char *poolName) : host(h), name(poolName != nullptr ? 
   pub.generic.destroy = poolDestroy;
   pub.memAlloc = poolAlloc;
   pub.memFree = poolFree;
-  blocks.reserve(kInitialBuckets);
+  for (PoolShard &shard : shards) shard.blocks.reserve(kInitialBuckets);
 }
 
 Pool::~Pool() {
-  for (auto &[block, size] : blocks) std::free(block);
-  host->poolBlocks.fetch_sub(blocks.size(), std::memory_order_relaxed);
-  host->poolBytes.fetch_sub(bytes, std::memory_order_relaxed);
+  for (PoolShard &shard : shards)
+    for (auto &[block, size] : shard.blocks) std::free(block);
+}
+
+PoolShard &Pool::shardOf(const void *block) {
+  // malloc hands out 16-byte aligned blocks: skip the bits that never vary.
+  auto v = reinterpret_cast<uintptr_t>(block) >> 4;
+  v ^= v >> 9;
+  return shards[v % kShards];
 }
 
 QMPoolh poolCreate(QMHndlp h, const QMPoolCreateParms * /*parms: nothing to choose*/,
@@ -125,15 +129,23 @@ extern "C" {
 QM_EXPORT size_t qmhost_pool_live_blocks(QMPoolh pool) noexcept {
   if (pool == nullptr) return 0;
   const qmhost::Pool *p = reinterpret_cast<const qmhost::Pool *>(pool);
-  std::lock_guard<std::mutex> g(p->m);
-  return p->blocks.size();
+  size_t n = 0;
+  for (const qmhost::PoolShard &shard : p->shards) {
+    std::lock_guard<std::mutex> g(shard.m);
+    n += shard.blocks.size();
+  }
+  return n;
 }
 
 QM_EXPORT size_t qmhost_pool_live_bytes(QMPoolh pool) noexcept {
   if (pool == nullptr) return 0;
   const qmhost::Pool *p = reinterpret_cast<const qmhost::Pool *>(pool);
-  std::lock_guard<std::mutex> g(p->m);
-  return p->bytes;
+  size_t n = 0;
+  for (const qmhost::PoolShard &shard : p->shards) {
+    std::lock_guard<std::mutex> g(shard.m);
+    n += shard.bytes;
+  }
+  return n;
 }
 
 }  // extern "C"

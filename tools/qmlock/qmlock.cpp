@@ -1,8 +1,12 @@
 // qmlock: the lock manager from the command line. For now it runs one
 // demonstration: it makes a host, loads the lock manager by name, sets a few
-// lock options, prints the table and some matches, shows how a refused
-// request is journaled, and takes everything down again.
+// lock options, prints the table and some matches, locks a scratch file,
+// shows how refused requests are journaled, and takes everything down again.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -69,6 +73,42 @@ void printMatch(QMELMExtension *ext, const char *path, QMJnlh jnl) {
   (void)ext->Functions.ReleaseMatch(ext, &m, jnl);
 }
 
+// Locks a scratch file, shows a second holder in this process refused at
+// once (and journaled), and releases the lock, deleting the file on close.
+void lockDemo(QMELMExtension *ext, QMJnlh jnl) {
+  char path[] = "/tmp/qmlock-demo.XXXXXX";
+  int fd = mkstemp(path);
+  if (fd < 0) return;
+  close(fd);
+  std::vector<QMChar> name = wide(path);
+  XVELMFileLockParms parms{};
+  parms.Filename = name.data();
+  parms.FilenameLen = name.size();
+  parms.OpenFlags = O_RDWR;
+  int rc = 0;
+  QMELMLHndlp first = ext->Functions.LockGet(ext, &parms, QMELM_RESOURCE_FILE,
+                                             QMELM_INT_EXCLUSIVE | QMELM_EXT_EXCLUSIVE, jnl, &rc);
+  if (first == nullptr) {
+    std::printf("  lock of %s refused: status 0x%08x\n", path, static_cast<unsigned>(rc));
+    unlink(path);
+    return;
+  }
+  auto *fh = static_cast<XVELMFileHandle *>(first->Public.ResourceHandle);
+  std::printf("  %s locked exclusively: descriptor %d, granted type 0x%03llx\n", path,
+              fh->FileDescriptor, static_cast<unsigned long long>(parms.AcquiredLockType));
+  std::printf("  a second exclusive holder in this process is refused at once:\n");
+  std::fflush(stdout);
+  XVELMFileLockParms second = parms;
+  QMELMLHndlp refused = ext->Functions.LockGet(ext, &second, QMELM_RESOURCE_FILE,
+                                               QMELM_INT_EXCLUSIVE | QMELM_EXT_EXCLUSIVE, jnl, &rc);
+  std::printf("  status 0x%08x, handle %s\n", static_cast<unsigned>(rc), refused ? "given" : "none");
+  parms.Flags = QMELM_FLAG_DELETE_ON_CLOSE;
+  rc = ext->Functions.LockRelease(first, &parms, jnl);
+  std::printf("  released (status %d); the file %s\n", rc,
+              access(path, F_OK) == 0 ? "is still there" : "was deleted on close");
+  if (refused != nullptr) (void)ext->Functions.LockRelease(refused, nullptr, jnl);
+}
+
 int demo() {
   QMHndlp host = qmhost_create(nullptr);
   if (host == nullptr) {
@@ -107,6 +147,9 @@ int demo() {
   setOption(ext, "/srv", QMELM_Reset, jnl);
   std::printf("after resetting /srv:\n");
   printOptions(ext, jnl);
+
+  std::printf("locking:\n");
+  lockDemo(ext, jnl);
 
   loaded->generic.destroy(loaded);
   jnl->generic.destroy(jnl);
