@@ -112,21 +112,28 @@ std::string fileFor(const char *stem, int thread) {
 
 // The first holder of an existing file gets and releases it; the
 // release is the last one, so every iteration opens, record-locks and closes.
+// One LockGet and LockRelease of req; false (and the benchmark marked as
+// failed) when either is refused.
+bool cycle(benchmark::State &st, QMELMExtension *ext, qmtest::LockRequest &req, QMMemSize type) {
+  int rc = 0;
+  QMELMLHndlp h = get(ext, req, type, &rc);
+  if (h == nullptr) {
+    st.SkipWithError(statusText("LockGet", rc).c_str());
+    return false;
+  }
+  if ((rc = release(ext, h, req)) != 0) {
+    st.SkipWithError(statusText("LockRelease", rc).c_str());
+    return false;
+  }
+  return true;
+}
+
 void benchFirstHolder(benchmark::State &st, QMMemSize type) {
   QMELMExtension *ext = g->host->ext;
   qmtest::LockRequest req(fileFor("t", st.thread_index()), O_RDWR);
   qmbench::SwitchCount switches(st);
   for (auto _ : st) {
-    int rc = 0;
-    QMELMLHndlp h = get(ext, req, type, &rc);
-    if (h == nullptr) {
-      st.SkipWithError(statusText("LockGet", rc).c_str());
-      break;
-    }
-    if ((rc = release(ext, h, req)) != 0) {
-      st.SkipWithError(statusText("LockRelease", rc).c_str());
-      break;
-    }
+    if (!cycle(st, ext, req, type)) break;
   }
   st.SetItemsProcessed(st.iterations());
 }
@@ -322,16 +329,7 @@ void benchBesideHeld(benchmark::State &st, size_t want) {
   QMELMExtension *ext = m.host->ext;
   qmtest::LockRequest req(p, O_RDWR);
   for (auto _ : st) {
-    int rc = 0;
-    QMELMLHndlp h = get(ext, req, kExclusiveFail, &rc);
-    if (h == nullptr) {
-      st.SkipWithError(statusText("LockGet", rc).c_str());
-      break;
-    }
-    if ((rc = release(ext, h, req)) != 0) {
-      st.SkipWithError(statusText("LockRelease", rc).c_str());
-      break;
-    }
+    if (!cycle(st, ext, req, kExclusiveFail)) break;
   }
   st.counters["held"] = static_cast<double>(m.held.size());
   st.SetLabel(std::to_string(m.held.size()) + " held");

@@ -19,10 +19,10 @@ using namespace qmtest;
 TEST(Frame, ContractValuesAreFixed) {
   EXPECT_EQ(sizeof(QMELMExtension::ExtensionName), 24u);
   EXPECT_EQ(sizeof(QMELMLPrivate::HandleName), 23u);
-  const void *slots[] = {
-      reinterpret_cast<void *>(offsetof(QMELMFunctions, LockGet)),
-      reinterpret_cast<void *>(offsetof(QMELMFunctions, ResourceRelease))};
-  EXPECT_EQ(reinterpret_cast<size_t>(slots[1]) - reinterpret_cast<size_t>(slots[0]), 16 * sizeof(void *));
+  const void *slots[] = {reinterpret_cast<void *>(offsetof(QMELMFunctions, LockGet)),
+                         reinterpret_cast<void *>(offsetof(QMELMFunctions, ResourceRelease))};
+  EXPECT_EQ(reinterpret_cast<size_t>(slots[1]) - reinterpret_cast<size_t>(slots[0]),
+            16 * sizeof(void *));
   EXPECT_STATUS(static_cast<QMStatus>(0x803fc002u), QMELM_E_CREATE_FAILED);
   EXPECT_STATUS(static_cast<QMStatus>(0x803fc004u), QMELM_W_OPTION_NOT_SET);
   EXPECT_STATUS(static_cast<QMStatus>(0x80ffe001u), QMELM_E_NO_MEMORY);
@@ -32,9 +32,10 @@ TEST(Frame, ContractValuesAreFixed) {
   EXPECT_STATUS(QMELM_M_TRAILER, QMELM_M_RESOURCE_END);
   EXPECT_STATUS(QMELM_M_PATH, QMELM_M_INT_SHARE_CONFLICT);
   EXPECT_STATUS(QMELM_E_NO_MEMORY, QMELM_E_NOMEM);
-  const QMMemSize bits[] = {QMELM_INT_EXCLUSIVE, QMELM_INT_NONEXCLUSIVE, QMELM_EXT_EXCLUSIVE,
-                            QMELM_EXT_NONEXCLUSIVE, QMELM_NOINTERNAL_LOCK, QMELM_NOEXTERNAL_LOCK,
-                            QMELM_SHARED, QMELM_OPT_NONE, QMELM_OPT_FAIL, QMELM_OPT_CONTINUE};
+  const QMMemSize bits[] = {QMELM_INT_EXCLUSIVE,    QMELM_INT_NONEXCLUSIVE, QMELM_EXT_EXCLUSIVE,
+                            QMELM_EXT_NONEXCLUSIVE, QMELM_NOINTERNAL_LOCK,  QMELM_NOEXTERNAL_LOCK,
+                            QMELM_SHARED,           QMELM_OPT_NONE,         QMELM_OPT_FAIL,
+                            QMELM_OPT_CONTINUE};
   for (size_t i = 0; i < std::size(bits); ++i) EXPECT_EQ(bits[i], QMMemSize{1} << i);
   EXPECT_EQ(QMELM_Fail, 0);
   EXPECT_EQ(QMELM_Unknown, 4);
@@ -62,7 +63,8 @@ TEST(Frame, BuiltObjectAnswersAsDocumented) {
   EXPECT_EQ(ext->NumOptions, 1u);
   EXPECT_EQ(ext->NumSlots, 16u);
   EXPECT_EQ(ext->NumSlotsLeft, 15u);
-  EXPECT_EQ(host.options(), (std::vector<std::pair<std::string, QMELMLockOption>>{{"/", QMELM_Fail}}));
+  EXPECT_EQ(host.options(),
+            (std::vector<std::pair<std::string, QMELMLockOption>>{{"/", QMELM_Fail}}));
   EXPECT_EQ(ext->LockList, nullptr);
   EXPECT_EQ(ext->IOInfo, nullptr);
   EXPECT_NE(ext->IOInfoMutex, nullptr);
@@ -94,9 +96,9 @@ TEST(Frame, FactoryUnwindsEveryFailure) {
   ASSERT_EQ(0, qmextent(host.hndl));
   const QMHostStats before = host.stats();
 
-  const QMHostFailKind kinds[] = {QMHOST_FAIL_POOL_CREATE,     QMHOST_FAIL_ALLOC,
-                                  QMHOST_FAIL_LOCK_CREATE,     QMHOST_FAIL_PIPELINE_CREATE,
-                                  QMHOST_FAIL_LOAD_EXTENSION,  QMHOST_FAIL_JNL_CREATE,
+  const QMHostFailKind kinds[] = {QMHOST_FAIL_POOL_CREATE,    QMHOST_FAIL_ALLOC,
+                                  QMHOST_FAIL_LOCK_CREATE,    QMHOST_FAIL_PIPELINE_CREATE,
+                                  QMHOST_FAIL_LOAD_EXTENSION, QMHOST_FAIL_JNL_CREATE,
                                   QMHOST_FAIL_RENDER};
   for (QMHostFailKind kind : kinds) {
     long start = host.calls(kind);
@@ -121,7 +123,8 @@ TEST(Frame, FactoryUnwindsEveryFailure) {
       EXPECT_EQ(after.extensions, base.extensions);
       EXPECT_EQ(after.journals, base.journals);
       // Only a missing pool or object is journaled by the factory itself.
-      bool poolOrObject = (kind == QMHOST_FAIL_POOL_CREATE && n == 1) || (kind == QMHOST_FAIL_ALLOC && n == 1);
+      bool poolOrObject =
+          (kind == QMHOST_FAIL_POOL_CREATE && n == 1) || (kind == QMHOST_FAIL_ALLOC && n == 1);
       int created = 0;
       for (const Entry &e : host.entries())
         for (QMStatus c : e.codes) created += c == QMELM_E_CREATE_FAILED;
@@ -165,18 +168,35 @@ TEST(Frame, SharedObjectExportsOnlyTheEntryPoints) {
   while (std::fgets(line, sizeof line, p) != nullptr) {
     char type = 0;
     char name[400] = {};
-    if (std::sscanf(line, "%*s %c %399s", &type, name) == 2 && (type == 'T' || type == 'W' || type == 'D' || type == 'B'))
+    if (std::sscanf(line, "%*s %c %399s", &type, name) == 2 &&
+        (type == 'T' || type == 'W' || type == 'D' || type == 'B'))
       exported.insert(name);
   }
   ASSERT_EQ(0, pclose(p));
-  const std::set<std::string> allowed = {
-      "qmelm", "qmelmdestroy", "qmelmgetreqversion", "qmelmgetversion", "qmextent", "qmextver",
-      "qmelmlockget", "qmelmlockrelease", "qmelmlockchange", "qmelmsetlockoption",
-      "qmelmgetlockoptions", "qmelmreleaselockoptions", "qmelmmatchoption", "qmelmreleasematch",
-      "qmelmupdateioinfo", "qmelmresetioinfo", "qmelmgetioinfo", "qmelmlistioinfo",
-      "qmelmlistioinfofree", "qmelmjnlioinfo", "qmelmemergency"};
+  const std::set<std::string> allowed = {"qmelm",
+                                         "qmelmdestroy",
+                                         "qmelmgetreqversion",
+                                         "qmelmgetversion",
+                                         "qmextent",
+                                         "qmextver",
+                                         "qmelmlockget",
+                                         "qmelmlockrelease",
+                                         "qmelmlockchange",
+                                         "qmelmsetlockoption",
+                                         "qmelmgetlockoptions",
+                                         "qmelmreleaselockoptions",
+                                         "qmelmmatchoption",
+                                         "qmelmreleasematch",
+                                         "qmelmupdateioinfo",
+                                         "qmelmresetioinfo",
+                                         "qmelmgetioinfo",
+                                         "qmelmlistioinfo",
+                                         "qmelmlistioinfofree",
+                                         "qmelmjnlioinfo",
+                                         "qmelmemergency"};
   for (const std::string &s : exported) {
-    if (s.rfind("__", 0) == 0 || s == "_init" || s == "_fini" || s == "_edata" || s == "_end") continue;
+    if (s.rfind("__", 0) == 0 || s == "_init" || s == "_fini" || s == "_edata" || s == "_end")
+      continue;
     EXPECT_TRUE(allowed.count(s)) << "unexpected export " << s;
   }
   for (const std::string &s : allowed) EXPECT_TRUE(exported.count(s)) << "missing export " << s;

@@ -27,8 +27,8 @@
 #ifndef QMELM_H
 #define QMELM_H
 
-#include "qmkernel.h"
 #include "qmelmmsg.h"
+#include "qmkernel.h"
 
 QM_EXTERN_C_BEGIN
 
@@ -57,17 +57,17 @@ enum QMELMStatusCodes {
 #define QMELM_OPT_FAIL 0x100u         /* lock option Fail applies */
 #define QMELM_OPT_CONTINUE 0x200u     /* lock option Continue applies */
 
-#define QMELM_RESOURCE_FILE 1u        /* the only resource type */
+#define QMELM_RESOURCE_FILE 1u          /* the only resource type */
 #define QMELM_FLAG_DELETE_ON_CLOSE 0x1u /* XVELMFileLockParms.Flags */
 
 /* ---- lock options ----------------------------------------------------- */
 
 typedef enum QMELM_LOCK_OPTION_E {
-  QMELM_Fail = 0,     /* the default of the root entry "/" */
+  QMELM_Fail = 0, /* the default of the root entry "/" */
   QMELM_None = 1,
   QMELM_Continue = 2,
-  QMELM_Reset = 3,    /* not stored: removes a path and everything below it */
-  QMELM_Unknown = 4   /* not stored: what a failed or pending match reports */
+  QMELM_Reset = 3,  /* not stored: removes a path and everything below it */
+  QMELM_Unknown = 4 /* not stored: what a failed or pending match reports */
 } QMELMLockOption;
 
 /* One entry of the option table (and of a snapshot). */
@@ -122,21 +122,21 @@ typedef struct QMELM_IO_INFO_S QMELMIOInfo, *QMELMIOInfop;
    IOInfoMutex guards next, prev and the list; mutex guards the five counters
    and closeTime; the other fields never change after creation. */
 struct QMELM_IO_INFO_S {
-  uint32_t version;          /* 0 */
-  QMELMIOInfop next;         /* next (older) record */
-  QMELMIOInfop prev;         /* previous (newer) record; null for the head */
-  QMLockh mutex;             /* guards the counters and closeTime */
-  QMChar *Name;              /* the file name, zero-terminated */
-  QMStrSize NameLen;         /* QMChars of Name without the zero */
-  QMMemSize ResourceType;    /* 1: file */
+  uint32_t version;       /* 0 */
+  QMELMIOInfop next;      /* next (older) record */
+  QMELMIOInfop prev;      /* previous (newer) record; null for the head */
+  QMLockh mutex;          /* guards the counters and closeTime */
+  QMChar *Name;           /* the file name, zero-terminated */
+  QMStrSize NameLen;      /* QMChars of Name without the zero */
+  QMMemSize ResourceType; /* 1: file */
   QMIOSize numBytesWritten;
   QMIOSize numBytesRead;
   QMIOSize numReads;
   QMIOSize numWrites;
   QMIOSize numSeeks;
-  uint32_t OpenFlags;        /* open(2) flags of the descriptor */
-  double openTime;           /* host datetime of the open; 0.0 for a reused descriptor */
-  double closeTime;          /* host datetime of the close; -1.0 while open */
+  uint32_t OpenFlags; /* open(2) flags of the descriptor */
+  double openTime;    /* host datetime of the open; 0.0 for a reused descriptor */
+  double closeTime;   /* host datetime of the close; -1.0 while open */
   QMMemPtr pad1[2];
   uint64_t pad2[2];
   QMMemPtr pad3[2];
@@ -177,13 +177,13 @@ typedef struct QMELM_RESET_IO_INFO_PARMS_S {
 } QMELMResetIOInfoParms;
 
 typedef struct QMELM_QUERY_IO_INFO_PARMS_S {
-  uint32_t version;       /* not examined */
-  QMBoolean lockRequest;  /* true: take the mutexes while reading */
-  QMChar *matchFile;      /* select records of this file, or null */
+  uint32_t version;      /* not examined */
+  QMBoolean lockRequest; /* true: take the mutexes while reading */
+  QMChar *matchFile;     /* select records of this file, or null */
   QMStrSize matchFileLen;
-  QMChar *matchDir;       /* select records below this directory, or null */
+  QMChar *matchDir; /* select records below this directory, or null */
   QMStrSize matchDirLen;
-  NLScei enc_pathname;    /* encoding of the path, passed to qmioe */
+  NLScei enc_pathname; /* encoding of the path, passed to qmioe */
   QMMemPtr pad1[2];
   uint64_t pad2[2];
   uint32_t pad3[2];
@@ -199,7 +199,7 @@ typedef struct QMELM_GET_IO_INFO_PARMS_S {
 } QMELMGetIOInfoParms;
 
 typedef struct QMELM_BYFILE_IO_STATS_S {
-  QMChar *filename;      /* the record's own Name: valid while the record lives */
+  QMChar *filename; /* the record's own Name: valid while the record lives */
   QMStrSize filenameLen;
   double openTime;
   double closeTime;
@@ -243,32 +243,32 @@ typedef struct XVELM_FILE_DESCRIPTOR_S XVELMFileDescriptor, *XVELMFileDescriptor
  * NodeMutex, IOInfoMutex, a record's mutex.
  */
 struct QMELM_RESOURCE_LOCK_S {
-  QMELMResLockp next;            /* LockList links */
+  QMELMResLockp next; /* LockList links */
   QMELMResLockp prev;
-  QMMemPtr ID;                   /* for a file: the node's own ID member */
-  QMLockh NodeMutex;             /* guards the node's state */
-  QMLockh NodeDeleteMutex;       /* shared by acquirers, exclusive for destruction */
-  QMMemSize int_nonexclusive;    /* internal non-exclusive holders */
-  QMMemSize int_exclusive;       /* internal exclusive holders */
-  QMMemSize nointernal_lock;     /* holders without an internal lock */
-  QMMemSize ext_nonexclusive;    /* external non-exclusive holders */
-  QMMemSize ext_exclusive;       /* external exclusive holders */
-  QMMemSize noexternal_lock;     /* holders without an external lock */
-  QMMemSize LockType;            /* the node's current lock type */
-  QMMemSize ResourceType;        /* 1: file */
-  QMBoolean DeadNode;            /* closed by its last holder; removed by the next walk */
+  QMMemPtr ID;                         /* for a file: the node's own ID member */
+  QMLockh NodeMutex;                   /* guards the node's state */
+  QMLockh NodeDeleteMutex;             /* shared by acquirers, exclusive for destruction */
+  QMMemSize int_nonexclusive;          /* internal non-exclusive holders */
+  QMMemSize int_exclusive;             /* internal exclusive holders */
+  QMMemSize nointernal_lock;           /* holders without an internal lock */
+  QMMemSize ext_nonexclusive;          /* external non-exclusive holders */
+  QMMemSize ext_exclusive;             /* external exclusive holders */
+  QMMemSize noexternal_lock;           /* holders without an external lock */
+  QMMemSize LockType;                  /* the node's current lock type */
+  QMMemSize ResourceType;              /* 1: file */
+  QMBoolean DeadNode;                  /* closed by its last holder; removed by the next walk */
   uint32_t int_nonshared_nonexclusive; /* non-exclusive holders without QMELM_SHARED */
-  QMELMIOInfop Info;             /* newest I/O record of the node (not owned) */
+  QMELMIOInfop Info;                   /* newest I/O record of the node (not owned) */
   uint32_t pad1[2];
   uint64_t pad2[2];
   QMMemPtr pad3[2];
 };
 
 typedef struct XVELM_FILELOCK_ID_S {
-  QMChar *Filename;              /* the node's own zero-terminated copy of the name */
-  char *NarrowFilename;          /* the name in the target encoding, NUL-padded */
-  QMMemSize FilenameLen;         /* QMChars of Filename */
-  unsigned long InodeNum;        /* from stat; 0 when the file did not exist */
+  QMChar *Filename;       /* the node's own zero-terminated copy of the name */
+  char *NarrowFilename;   /* the name in the target encoding, NUL-padded */
+  QMMemSize FilenameLen;  /* QMChars of Filename */
+  unsigned long InodeNum; /* from stat; 0 when the file did not exist */
   unsigned long DeviceNum;
   char Volser[6];                /* not used on this platform */
   QMMemSize NFilenameLen;        /* bytes of NarrowFilename without the padding */
@@ -282,8 +282,8 @@ typedef struct XVELM_FILELOCK_S {
   QMIOSize FileSize;
   XVELMFileDescriptorp OpenFileDescriptorList;   /* descriptors in use, one per handle */
   XVELMFileDescriptorp ClosedFileDescriptorList; /* parked descriptors, still open */
-  QMBoolean DeleteOnClose;       /* unlink when the last holder goes */
-  QMBoolean FcntlLockSet;        /* the process holds the record lock */
+  QMBoolean DeleteOnClose;                       /* unlink when the last holder goes */
+  QMBoolean FcntlLockSet;                        /* the process holds the record lock */
 } XVELMFileLock, *XVELMFileLockp;
 
 /* A descriptor of a node's file; on exactly one of the node's two lists. */
@@ -303,12 +303,12 @@ typedef struct QMELM_LPUBLIC_S {
 } QMELMLPublic;
 
 typedef struct QMELM_LPRIVATE_S {
-  char HandleName[23];      /* "QM Resource Lock Handle", no terminator inside */
-  QMELMExtensionp ExtHndl;  /* the extension */
-  QMPoolh Pool;             /* the pool the handle came from */
-  QMELMResLockp ResLock;    /* the resource node */
-  QMMemSize LockType;       /* the bits this handle holds */
-  QMMemSize ResourceType;   /* 1: file */
+  char HandleName[23];     /* "QM Resource Lock Handle", no terminator inside */
+  QMELMExtensionp ExtHndl; /* the extension */
+  QMPoolh Pool;            /* the pool the handle came from */
+  QMELMResLockp ResLock;   /* the resource node */
+  QMMemSize LockType;      /* the bits this handle holds */
+  QMMemSize ResourceType;  /* 1: file */
 } QMELMLPrivate;
 
 /* The lock handle returned to the caller. */
@@ -364,10 +364,10 @@ typedef struct QMELM_FUNCTIONS_S {
   int (*ReleaseMatch)(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh jnl);
   int (*UpdateIOInfo)(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh jnl);
   int (*ResetIOInfo)(QMELMExtensionp ext, QMELMResetIOInfoParms *parms, QMJnlh jnl);
-  int (*GetIOInfo)(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
-                   QMELMGetIOInfoParms *result, QMJnlh jnl);
-  int (*ListIOInfo)(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
-                    QMELMListIOInfoParms *result, QMJnlh jnl);
+  int (*GetIOInfo)(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMGetIOInfoParms *result,
+                   QMJnlh jnl);
+  int (*ListIOInfo)(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMListIOInfoParms *result,
+                    QMJnlh jnl);
   int (*ListIOInfoFree)(QMELMExtensionp ext, QMELMListIOInfoParms *toBeFreed, QMJnlh jnl);
   int (*JnlIOInfo)(QMELMExtensionp ext, QMELMJnlIOInfoParms *parms, QMJnlh jnl);
   int (*Emergency)(QMELMExtensionp ext);
@@ -382,25 +382,25 @@ typedef struct QMELM_FUNCTIONS_S {
  * Every other field is set by the factory and never changes.
  */
 struct QMELM_EXTENSION_S {
-  QMExtension Common;          /* header; generic.name points at ExtensionName */
-  QMPoolh Pool;                /* "qmelm pool": every allocation of the extension */
-  QMELMResLockp LockList;      /* resource nodes, newest first */
-  QMLockh ListMutex;           /* "QMELM Lock Mutex" */
-  char ExtensionName[24];      /* "QM Resource Lock Manager", no terminator inside */
-  QMMemPtr pad1[2];            /* zero: also ends ExtensionName as a string */
+  QMExtension Common;     /* header; generic.name points at ExtensionName */
+  QMPoolh Pool;           /* "qmelm pool": every allocation of the extension */
+  QMELMResLockp LockList; /* resource nodes, newest first */
+  QMLockh ListMutex;      /* "QMELM Lock Mutex" */
+  char ExtensionName[24]; /* "QM Resource Lock Manager", no terminator inside */
+  QMMemPtr pad1[2];       /* zero: also ends ExtensionName as a string */
   uint64_t pad2[2];
   uint32_t pad3[2];
-  QMELMFunctions Functions;    /* the entries */
-  QMNLSPipelineh toOS;         /* QMChar text to the OS encoding */
-  QMNLSPipelineh fromOS;       /* the OS encoding to QMChar text */
-  QMExtensionh qmioeh;         /* the loaded "qmioe" extension */
-  QMLockh OptionMutex;         /* "QMELM Option Mutex" */
-  QMELMLockOptions *Options;   /* slot array; the first NumOptions slots in use, sorted */
+  QMELMFunctions Functions;  /* the entries */
+  QMNLSPipelineh toOS;       /* QMChar text to the OS encoding */
+  QMNLSPipelineh fromOS;     /* the OS encoding to QMChar text */
+  QMExtensionh qmioeh;       /* the loaded "qmioe" extension */
+  QMLockh OptionMutex;       /* "QMELM Option Mutex" */
+  QMELMLockOptions *Options; /* slot array; the first NumOptions slots in use, sorted */
   QMMemSize NumOptions;
   QMMemSize NumSlots;
-  QMMemSize NumSlotsLeft;      /* NumSlots - NumOptions */
-  QMLockh IOInfoMutex;         /* "QMELM IO Info Mutex" */
-  QMELMIOInfop IOInfo;         /* I/O records, newest first */
+  QMMemSize NumSlotsLeft; /* NumSlots - NumOptions */
+  QMLockh IOInfoMutex;    /* "QMELM IO Info Mutex" */
+  QMELMIOInfop IOInfo;    /* I/O records, newest first */
   QMMemSize numIOInfo;
 };
 

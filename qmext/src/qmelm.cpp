@@ -23,11 +23,23 @@ constexpr QMJnlCreateParms kJnlParms{};
 constexpr QMELMResetIOInfoParms kResetParms{};
 
 constexpr QMELMFunctions kFunctions{
-    qmelmlockget,        qmelmlockrelease, qmelmlockchange,   qmelmsetlockoption,
-    qmelmgetlockoptions, qmelmreleaselockoptions,             qmelmmatchoption,
-    qmelmreleasematch,   qmelmupdateioinfo,                   qmelmresetioinfo,
-    qmelmgetioinfo,      qmelmlistioinfo,  qmelmlistioinfofree, qmelmjnlioinfo,
-    qmelmemergency,      nullptr,          nullptr,
+    qmelmlockget,
+    qmelmlockrelease,
+    qmelmlockchange,
+    qmelmsetlockoption,
+    qmelmgetlockoptions,
+    qmelmreleaselockoptions,
+    qmelmmatchoption,
+    qmelmreleasematch,
+    qmelmupdateioinfo,
+    qmelmresetioinfo,
+    qmelmgetioinfo,
+    qmelmlistioinfo,
+    qmelmlistioinfofree,
+    qmelmjnlioinfo,
+    qmelmemergency,
+    nullptr,
+    nullptr,
 };
 
 // Unwinds a factory that failed after it had its object: destroys the host
@@ -74,7 +86,8 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
     journalStatus(jnl, QMELM_E_CREATE_FAILED);
     return nullptr;
   }
-  auto *ext = static_cast<QMELMExtension *>(pool->memAlloc(pool, sizeof(QMELMExtension), QM_POOL_ZERO_FILL));
+  auto *ext = static_cast<QMELMExtension *>(
+      pool->memAlloc(pool, sizeof(QMELMExtension), QM_POOL_ZERO_FILL));
   if (ext == nullptr) {
     journalStatus(jnl, QMELM_E_CREATE_FAILED);
     (void)pool->generic.destroy(pool);
@@ -90,8 +103,10 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
   ext->Pool = pool;
   FactoryUnwind unwind(ext);
 
-  if ((ext->ListMutex = hndl->lockCreate(hndl, &kLockParms, jnl, "QMELM Lock Mutex")) == nullptr) return nullptr;
-  if ((ext->OptionMutex = hndl->lockCreate(hndl, &kLockParms, jnl, "QMELM Option Mutex")) == nullptr)
+  if ((ext->ListMutex = hndl->lockCreate(hndl, &kLockParms, jnl, "QMELM Lock Mutex")) == nullptr)
+    return nullptr;
+  if ((ext->OptionMutex = hndl->lockCreate(hndl, &kLockParms, jnl, "QMELM Option Mutex")) ==
+      nullptr)
     return nullptr;
   // Exactly 24 bytes and no terminator: the zero-filled field that follows
   // ends the name when it is read as a string.
@@ -102,8 +117,8 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
   NLScei os = nls->osEncoding(nls);
   if ((ext->toOS = nls->pipelineFromQMChar(nls, os, 0, jnl)) == nullptr) return nullptr;
   if ((ext->fromOS = nls->pipelineToQMChar(nls, os, 0, jnl)) == nullptr) return nullptr;
-  if (ext->qmioeh == nullptr &&
-      (ext->qmioeh = hndl->loadExtension(hndl, kQmioeName.data(), kQmioeName.size(), jnl)) == nullptr)
+  if (ext->qmioeh == nullptr && (ext->qmioeh = hndl->loadExtension(
+                                     hndl, kQmioeName.data(), kQmioeName.size(), jnl)) == nullptr)
     return nullptr;
 
   // Seed the option table with "/" -> Fail through the extension's own entry.
@@ -117,7 +132,8 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
   if (!catalogueAnswers(hndl)) return nullptr;
   ext->IOInfo = nullptr;
   ext->numIOInfo = 0;
-  if ((ext->IOInfoMutex = hndl->lockCreate(hndl, &kLockParms, jnl, "QMELM IO Info Mutex")) == nullptr)
+  if ((ext->IOInfoMutex = hndl->lockCreate(hndl, &kLockParms, jnl, "QMELM IO Info Mutex")) ==
+      nullptr)
     return nullptr;
   return &unwind.release()->Common;
 }
@@ -157,6 +173,10 @@ QMStatus qmelmgetversion(QMExtensionh, int *a, int *b, int *c) noexcept {
   return 0;
 }
 
-int XvelmEmergency(QMELMExtensionp) noexcept { return 0; }
+int XvelmEmergency(QMELMExtensionp) noexcept {
+  return 0;
+}
 
-int qmelmemergency(QMELMExtensionp ext) noexcept { return XvelmEmergency(ext); }
+int qmelmemergency(QMELMExtensionp ext) noexcept {
+  return XvelmEmergency(ext);
+}

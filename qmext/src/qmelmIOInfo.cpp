@@ -14,8 +14,8 @@ int qmelmgetioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMGetIO
   return xvelmGetIOInfo(ext, query, result, jnl);
 }
 
-int qmelmlistioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
-                    QMELMListIOInfoParms *result, QMJnlh jnl) noexcept {
+int qmelmlistioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMListIOInfoParms *result,
+                    QMJnlh jnl) noexcept {
   return xvelmListIOInfo(ext, query, result, jnl);
 }
 

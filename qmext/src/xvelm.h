@@ -22,8 +22,8 @@ int xvelmLockChange(QMELMLHndlp lock, QMMemPtr lockParms, QMMemSize newLockType,
 // 0, or QMELM_E_INVALID_LOCKTYPE (journaled with its description).
 int xvelmValidateLockType(QMELMExtensionp hndl, QMMemSize LockType, QMJnlh jnl) noexcept;
 // Writes the description of LockType into msg (msglen QMChars), terminated.
-int xvelmBuildLockTypeMsg(QMELMExtensionp hndl, QMMemSize LockType, QMChar *msg,
-                          QMStrSize msglen, QMJnlh jnl) noexcept;
+int xvelmBuildLockTypeMsg(QMELMExtensionp hndl, QMMemSize LockType, QMChar *msg, QMStrSize msglen,
+                          QMJnlh jnl) noexcept;
 
 // ---- lock options ----------------------------------------------------------------
 int xvelmAddOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) noexcept;
@@ -33,8 +33,7 @@ int xvelmRemoveOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jn
 int64_t xvelmLexicalCompare(const QMChar *a, QMStrSize alen, const QMChar *b,
                             QMStrSize blen) noexcept;
 int xvelmGetLockOptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms, QMJnlh jnl) noexcept;
-int xvelmReleaseLockOptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms,
-                            QMJnlh jnl) noexcept;
+int xvelmReleaseLockOptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms, QMJnlh jnl) noexcept;
 int xvelmMatchOption(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh jnl) noexcept;
 int xvelmReleaseMatch(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh jnl) noexcept;
 
@@ -43,10 +42,10 @@ int xvelmCreateIOInfo(QMELMLHndlp lock, QMELMCreateIOInfoParms *parms, QMJnlh jn
 int xvelmCloseIOInfo(QMELMLHndlp lock, QMELMCloseIOInfoParms *parms, QMJnlh jnl) noexcept;
 int xvelmUpdateIOInfo(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh jnl) noexcept;
 int xvelmResetIOInfo(QMELMExtensionp ext, QMELMResetIOInfoParms *parms, QMJnlh jnl) noexcept;
-int xvelmGetIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
-                   QMELMGetIOInfoParms *result, QMJnlh jnl) noexcept;
-int xvelmListIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
-                    QMELMListIOInfoParms *result, QMJnlh jnl) noexcept;
+int xvelmGetIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMGetIOInfoParms *result,
+                   QMJnlh jnl) noexcept;
+int xvelmListIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMListIOInfoParms *result,
+                    QMJnlh jnl) noexcept;
 int xvelmListIOInfoFree(QMELMExtensionp ext, QMELMListIOInfoParms *toBeFreed, QMJnlh jnl) noexcept;
 int xvelmJnlIOInfo(QMELMExtensionp ext, QMELMJnlIOInfoParms *parms, QMJnlh jnl) noexcept;
 

@@ -51,7 +51,8 @@ enum class LockMode : int { Shared = 0, Exclusive = 1 };
 // destruction or unlock(). The host's mutexes never fail a valid get.
 class XVELM_TSA(scoped_lockable) MutexGuard {
  public:
-  explicit MutexGuard(QMLockh m, LockMode mode = LockMode::Exclusive) XVELM_TSA(no_thread_safety_analysis)
+  explicit MutexGuard(QMLockh m, LockMode mode = LockMode::Exclusive)
+      XVELM_TSA(no_thread_safety_analysis)
       : m_(m), held_(m->get(m, static_cast<int>(mode), 1) == 0) {}
   ~MutexGuard() XVELM_TSA(no_thread_safety_analysis) { unlock(); }
   MutexGuard(const MutexGuard &) = delete;
@@ -255,10 +256,18 @@ void unregisterHandlesOf(const QMELMExtension *ext) noexcept;
 
 // DeadNode is written under NodeMutex and read by the list walk under
 // ListMutex only; Info is read by update and close without any mutex.
-inline bool isDead(const QMELMResLock *n) { return __atomic_load_n(&n->DeadNode, __ATOMIC_ACQUIRE) != 0; }
-inline void markDead(QMELMResLock *n) { __atomic_store_n(&n->DeadNode, QMBoolean{1}, __ATOMIC_RELEASE); }
-inline QMELMIOInfop loadInfo(const QMELMResLock *n) { return __atomic_load_n(&n->Info, __ATOMIC_ACQUIRE); }
-inline void storeInfo(QMELMResLock *n, QMELMIOInfop r) { __atomic_store_n(&n->Info, r, __ATOMIC_RELEASE); }
+inline bool isDead(const QMELMResLock *n) {
+  return __atomic_load_n(&n->DeadNode, __ATOMIC_ACQUIRE) != 0;
+}
+inline void markDead(QMELMResLock *n) {
+  __atomic_store_n(&n->DeadNode, QMBoolean{1}, __ATOMIC_RELEASE);
+}
+inline QMELMIOInfop loadInfo(const QMELMResLock *n) {
+  return __atomic_load_n(&n->Info, __ATOMIC_ACQUIRE);
+}
+inline void storeInfo(QMELMResLock *n, QMELMIOInfop r) {
+  __atomic_store_n(&n->Info, r, __ATOMIC_RELEASE);
+}
 
 }  // namespace xvelm::detail
 

@@ -33,7 +33,9 @@ Message::Message(const QMELMExtension *ext, QMJnlh jnl, Mode mode, QMStrSize cap
   if (buf_ == nullptr) failed_ = true;
 }
 
-Message::~Message() { dropBuffer(); }
+Message::~Message() {
+  dropBuffer();
+}
 
 void Message::dropBuffer() noexcept {
   if (buf_ != nullptr) (void)pool_->memFree(pool_, buf_);

@@ -10,8 +10,12 @@
 namespace xvelm::detail {
 namespace {
 
-int sysOpen(const char *path, int flags, mode_t mode) { return ::open(path, flags, mode); }
-int sysClose(int fd) { return ::close(fd); }
+int sysOpen(const char *path, int flags, mode_t mode) {
+  return ::open(path, flags, mode);
+}
+int sysClose(int fd) {
+  return ::close(fd);
+}
 int sysFcntl(int fd, int cmd, void *arg) {
   switch (cmd) {
     case F_GETLK:
@@ -22,17 +26,29 @@ int sysFcntl(int fd, int cmd, void *arg) {
       return ::fcntl(fd, cmd, static_cast<int>(reinterpret_cast<intptr_t>(arg)));
   }
 }
-int sysStat(const char *path, struct stat *st) { return ::stat(path, st); }
-int sysFstat(int fd, struct stat *st) { return ::fstat(fd, st); }
-off_t sysLseek(int fd, off_t offset, int whence) { return ::lseek(fd, offset, whence); }
-int sysUnlink(const char *path) { return ::unlink(path); }
+int sysStat(const char *path, struct stat *st) {
+  return ::stat(path, st);
+}
+int sysFstat(int fd, struct stat *st) {
+  return ::fstat(fd, st);
+}
+off_t sysLseek(int fd, off_t offset, int whence) {
+  return ::lseek(fd, offset, whence);
+}
+int sysUnlink(const char *path) {
+  return ::unlink(path);
+}
 
 constexpr Syscalls kLibc{sysOpen, sysClose, sysFcntl, sysStat, sysFstat, sysLseek, sysUnlink};
 Syscalls table = kLibc;
 
 }  // namespace
 
-Syscalls &sys() noexcept { return table; }
-void resetSyscalls() noexcept { table = kLibc; }
+Syscalls &sys() noexcept {
+  return table;
+}
+void resetSyscalls() noexcept {
+  table = kLibc;
+}
 
 }  // namespace xvelm::detail

@@ -89,7 +89,8 @@ int xvelmValidateLockType(QMELMExtensionp hndl, QMMemSize LockType, QMJnlh jnl) 
   if (!msg.active()) return QMELM_E_INVALID_LOCKTYPE;
   QMChar description[1024];
   msg.status(QMELM_E_INVALID_LOCKTYPE);
-  if (xvelmBuildLockTypeMsg(hndl, LockType, description, 1024, jnl) != 0) return QMELM_E_INVALID_LOCKTYPE;
+  if (xvelmBuildLockTypeMsg(hndl, LockType, description, 1024, jnl) != 0)
+    return QMELM_E_INVALID_LOCKTYPE;
   msg.status(QMELM_M_LOCKTYPE_IS, description);
   msg.journal();
   return QMELM_E_INVALID_LOCKTYPE;

@@ -155,9 +155,9 @@ struct alignas(64) PoolShard {
 
 struct Pool {
   static constexpr size_t kShards = 16;
-  QMPool pub;                          // the table callers see
-  Host *host;                          // the host that made it
-  std::string name;                    // pub.generic.name points here
+  QMPool pub;        // the table callers see
+  Host *host;        // the host that made it
+  std::string name;  // pub.generic.name points here
   std::array<PoolShard, kShards> shards;
 
   Pool(Host *h, const char *poolName);
@@ -282,7 +282,7 @@ struct Host {
   std::vector<Builtin> builtins;    // copied from cfg
 
   FailPoints fail;
-  std::atomic<size_t> badFrees{0};    // refused memFree calls
+  std::atomic<size_t> badFrees{0};  // refused memFree calls
 
   Nls nls;        // pub.qmnls points at nls.pub
   Locale locale;  // the default locale

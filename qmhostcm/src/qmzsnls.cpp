@@ -1,7 +1,7 @@
 // Wide-string comparison of the host-common helpers.
-#include "qmhostcm.h"
-
 #include <cstring>
+
+#include "qmhostcm.h"
 
 QMBoolean qmzsCompare(const QMChar *str1, QMStrSize str1L, const QMChar *str2,
                       QMStrSize str2L) noexcept {

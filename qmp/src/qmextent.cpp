@@ -10,7 +10,9 @@ QMHndlp qmp_hndl = nullptr;
 namespace {
 // The handle is written by whichever thread loads the extension and read by
 // the clock on any thread: keep the accesses atomic.
-void remember(QMHndlp h) { __atomic_store_n(&qmp_hndl, h, __ATOMIC_RELEASE); }
+void remember(QMHndlp h) {
+  __atomic_store_n(&qmp_hndl, h, __ATOMIC_RELEASE);
+}
 }  // namespace
 
 QMStatus qmextent(QMHndlp hndl) noexcept {

@@ -23,8 +23,8 @@ QMStatus qmlMessageToBuf(QMJnlh jnl, const QMChar *fmt, QMStrSize fmtlen, QMChar
                          QMStrSize cap, QMStrSize *outlen, ...) QM_NOEXCEPT;
 QMStatus qmlMessageToJnl(QMJnlh jnl, QMSeverity sev, const QMChar *fmt, QMStrSize fmtlen,
                          ...) QM_NOEXCEPT;
-QMStatus qmlStatusToBuf(QMJnlh jnl, QMStatus status, QMChar *out, QMStrSize cap,
-                        QMStrSize *outlen, ...) QM_NOEXCEPT;
+QMStatus qmlStatusToBuf(QMJnlh jnl, QMStatus status, QMChar *out, QMStrSize cap, QMStrSize *outlen,
+                        ...) QM_NOEXCEPT;
 QMStatus qmlStatusToJnl(QMJnlh jnl, QMSeverity sev, QMStatus status, ...) QM_NOEXCEPT;
 QMStatus qmlGetLocale(QMJnlh jnl, ...) QM_NOEXCEPT;
 

@@ -23,8 +23,8 @@ QMStatus qmlMessageToJnl(QMJnlh jnl, QMSeverity sev, const QMChar *fmt, QMStrSiz
   return rc;
 }
 
-QMStatus qmlStatusToBuf(QMJnlh jnl, QMStatus status, QMChar *out, QMStrSize cap,
-                        QMStrSize *outlen, ...) noexcept {
+QMStatus qmlStatusToBuf(QMJnlh jnl, QMStatus status, QMChar *out, QMStrSize cap, QMStrSize *outlen,
+                        ...) noexcept {
   va_list ap;
   va_start(ap, outlen);
   QMStatus rc = jnl->statusToBuf(jnl, status, out, cap, outlen, ap);

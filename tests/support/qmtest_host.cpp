@@ -29,8 +29,7 @@ std::string utf8(const QMChar *s, size_t len) {
   return out;
 }
 
-LockRequest::LockRequest(const std::string &path, uint32_t openFlags, uint32_t flags,
-                         uint32_t mode)
+LockRequest::LockRequest(const std::string &path, uint32_t openFlags, uint32_t flags, uint32_t mode)
     : name(qm(path)) {
   parms.Filename = name.data();
   parms.FilenameLen = name.size();
@@ -101,8 +100,12 @@ std::vector<QMStatus> TestHost::lastCodes(QMJnlh j) const {
   return all.empty() ? std::vector<QMStatus>{} : all.back().codes;
 }
 
-size_t TestHost::entryCount(QMJnlh j) const { return qmhost_journal_count(j ? j : jnl); }
-void TestHost::clearJournal(QMJnlh j) { qmhost_journal_clear(j ? j : jnl); }
+size_t TestHost::entryCount(QMJnlh j) const {
+  return qmhost_journal_count(j ? j : jnl);
+}
+void TestHost::clearJournal(QMJnlh j) {
+  qmhost_journal_clear(j ? j : jnl);
+}
 
 QMHostStats TestHost::stats() const {
   QMHostStats s{};
@@ -148,7 +151,8 @@ QMELMLockOption TestHost::match(const std::string &path, std::string *matchpath,
   int r = fn().MatchOption(ext, &parms, jnl);
   if (rc != nullptr) *rc = r;
   QMELMLockOption opt = parms.option;
-  if (matchpath != nullptr) *matchpath = utf8(parms.matchpath, static_cast<size_t>(parms.matchpathlen));
+  if (matchpath != nullptr)
+    *matchpath = utf8(parms.matchpath, static_cast<size_t>(parms.matchpathlen));
   (void)fn().ReleaseMatch(ext, &parms, jnl);
   return opt;
 }

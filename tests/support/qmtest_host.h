@@ -52,8 +52,8 @@ class TestHost {
   TestHost &operator=(const TestHost &) = delete;
 
   QMHndlp hndl = nullptr;
-  QMJnlh jnl = nullptr;            // a memory journal for the tests' calls
-  QMELMExtension *ext = nullptr;   // the loaded lock manager
+  QMJnlh jnl = nullptr;           // a memory journal for the tests' calls
+  QMELMExtension *ext = nullptr;  // the loaded lock manager
   QMELMFunctions &fn() { return ext->Functions; }
 
   // Loads (another) lock manager the way the options say; null on failure.

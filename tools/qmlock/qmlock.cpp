@@ -31,11 +31,16 @@ std::string narrow(const QMChar *s, QMStrSize len) {
 
 const char *optionName(QMELMLockOption o) {
   switch (o) {
-    case QMELM_Fail: return "Fail";
-    case QMELM_None: return "None";
-    case QMELM_Continue: return "Continue";
-    case QMELM_Reset: return "Reset";
-    default: return "Unknown";
+    case QMELM_Fail:
+      return "Fail";
+    case QMELM_None:
+      return "None";
+    case QMELM_Continue:
+      return "Continue";
+    case QMELM_Reset:
+      return "Reset";
+    default:
+      return "Unknown";
   }
 }
 
@@ -101,7 +106,8 @@ void lockDemo(QMELMExtension *ext, QMJnlh jnl) {
   XVELMFileLockParms second = parms;
   QMELMLHndlp refused = ext->Functions.LockGet(ext, &second, QMELM_RESOURCE_FILE,
                                                QMELM_INT_EXCLUSIVE | QMELM_EXT_EXCLUSIVE, jnl, &rc);
-  std::printf("  status 0x%08x, handle %s\n", static_cast<unsigned>(rc), refused ? "given" : "none");
+  std::printf("  status 0x%08x, handle %s\n", static_cast<unsigned>(rc),
+              refused ? "given" : "none");
   parms.Flags = QMELM_FLAG_DELETE_ON_CLOSE;
   rc = ext->Functions.LockRelease(first, &parms, jnl);
   std::printf("  released (status %d); the file %s\n", rc,

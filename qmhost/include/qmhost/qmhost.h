@@ -39,10 +39,10 @@ typedef struct QMHOST_CONFIG_S {
      environment variable QMHOST_EXTENSION_PATH, then the directory that holds
      libqmhost itself. */
   const char *extension_path;
-  QMIOByteCountKind iobytecount;  /* the I/O counting setting; default 0 */
-  QMJnlKind default_journal;      /* where qmjnl writes; default QM_JNL_STDERR (0 means memory) */
+  QMIOByteCountKind iobytecount;    /* the I/O counting setting; default 0 */
+  QMJnlKind default_journal;        /* where qmjnl writes; default QM_JNL_STDERR (0 means memory) */
   const char *default_journal_path; /* QM_JNL_FILE: the file */
-  NLScei os_encoding;             /* the OS encoding; 0: UTF-8 */
+  NLScei os_encoding;               /* the OS encoding; 0: UTF-8 */
   const QMHostBuiltinExtension *builtins; /* may be null */
   size_t nbuiltins;
 } QMHostConfig;
@@ -65,8 +65,8 @@ QM_EXPORT QMJnlh qmhost_journal_create(QMHndlp h, QMJnlKind kind, const char *pa
    entries in memory. */
 typedef struct QMHOST_JOURNAL_ENTRY_S {
   QMSeverity severity;
-  const char *text;       /* UTF-8, owned by the journal until it is cleared */
-  const QMStatus *codes;  /* the statuses rendered into this entry, in order */
+  const char *text;      /* UTF-8, owned by the journal until it is cleared */
+  const QMStatus *codes; /* the statuses rendered into this entry, in order */
   size_t ncodes;
 } QMHostJournalEntry;
 
@@ -78,14 +78,14 @@ QM_EXPORT void qmhost_journal_clear(QMJnlh jnl) QM_NOEXCEPT;
 /* ---- accounting ------------------------------------------------------- */
 
 typedef struct QMHOST_STATS_S {
-  size_t pools;        /* live pools */
-  size_t pool_blocks;  /* live blocks over all pools */
-  size_t pool_bytes;   /* live bytes over all pools */
-  size_t mutexes;      /* live mutexes */
-  size_t journals;     /* live journals (qmjnl included) */
-  size_t pipelines;    /* live NLS pipelines */
-  size_t extensions;   /* loaded extensions */
-  size_t bad_frees;    /* memFree calls refused (double or foreign frees) */
+  size_t pools;       /* live pools */
+  size_t pool_blocks; /* live blocks over all pools */
+  size_t pool_bytes;  /* live bytes over all pools */
+  size_t mutexes;     /* live mutexes */
+  size_t journals;    /* live journals (qmjnl included) */
+  size_t pipelines;   /* live NLS pipelines */
+  size_t extensions;  /* loaded extensions */
+  size_t bad_frees;   /* memFree calls refused (double or foreign frees) */
 } QMHostStats;
 
 QM_EXPORT void qmhost_stats(QMHndlp h, QMHostStats *out) QM_NOEXCEPT;
@@ -95,13 +95,13 @@ QM_EXPORT size_t qmhost_pool_live_bytes(QMPoolh pool) QM_NOEXCEPT;
 /* ---- failure injection (for tests) ------------------------------------ */
 
 typedef enum QMHOST_FAIL_KIND_E {
-  QMHOST_FAIL_ALLOC = 0,          /* memAlloc of any pool */
+  QMHOST_FAIL_ALLOC = 0, /* memAlloc of any pool */
   QMHOST_FAIL_POOL_CREATE = 1,
   QMHOST_FAIL_LOCK_CREATE = 2,
   QMHOST_FAIL_JNL_CREATE = 3,
   QMHOST_FAIL_PIPELINE_CREATE = 4,
   QMHOST_FAIL_LOAD_EXTENSION = 5,
-  QMHOST_FAIL_RENDER = 6,         /* messageToBuf and statusToBuf */
+  QMHOST_FAIL_RENDER = 6, /* messageToBuf and statusToBuf */
   QMHOST_FAIL_KINDS = 7
 } QMHostFailKind;
 

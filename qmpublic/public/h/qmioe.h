@@ -27,9 +27,9 @@ typedef struct QMIOE_FUNCTIONS_S {
      as null. Returns 0 and the full path, or QM_E_BAD_PATH (empty path, no
      current directory), QM_E_UNMAPPABLE (a character enc_pathname cannot
      hold), QM_E_UNKNOWN_ENCODING, QM_E_NO_MEMORY. */
-  QMStatus (*getFullPath)(QMExtensionh qmioe, const QMChar *path, QMStrSize pathlen,
-                          QMMemPtr r1, QMMemPtr r2, QMMemPtr r3, QMMemPtr r4,
-                          QMChar **fullpath, QMStrSize *fullpathlen, QMIOEParms *parms);
+  QMStatus (*getFullPath)(QMExtensionh qmioe, const QMChar *path, QMStrSize pathlen, QMMemPtr r1,
+                          QMMemPtr r2, QMMemPtr r3, QMMemPtr r4, QMChar **fullpath,
+                          QMStrSize *fullpathlen, QMIOEParms *parms);
   /* Gives back a full path; QM_E_BAD_FREE for one qmioe did not hand out. */
   QMStatus (*freeFullPath)(QMExtensionh qmioe, QMChar *fullpath, QMIOEParms *parms);
 } QMIOEFunctions;

@@ -18,9 +18,9 @@ QM_EXTERN_C_BEGIN
 #define QM_POOL_ZERO_FILL 0x80000000u /* memAlloc flag: zero-filled memory */
 
 typedef struct QM_POOL_CREATE_PARMS_S {
-  uint32_t version;   /* structure version, 0 */
-  uint32_t flags;     /* reserved, 0 */
-  QMMemPtr pad1[2];   /* reserved, zero */
+  uint32_t version; /* structure version, 0 */
+  uint32_t flags;   /* reserved, 0 */
+  QMMemPtr pad1[2]; /* reserved, zero */
 } QMPoolCreateParms;
 
 struct QM_POOL_S {
@@ -39,7 +39,7 @@ typedef struct QM_LOCK_CREATE_PARMS_S {
   QMBoolean owned;     /* reserved: the host tracks owners itself */
   QMBoolean readWrite; /* reserved: every host mutex can be shared */
   uint16_t pad0;
-  QMMemPtr pad1[2];    /* reserved, zero */
+  QMMemPtr pad1[2]; /* reserved, zero */
 } QMLockCreateParms;
 
 struct QM_LOCK_S {
@@ -61,10 +61,10 @@ typedef enum QM_JNL_KIND_E {
 } QMJnlKind;
 
 typedef struct QM_JNL_CREATE_PARMS_S {
-  uint32_t version;  /* structure version, 0 */
-  uint32_t kind;     /* a QMJnlKind */
-  const char *path;  /* QM_JNL_FILE: the file to append to */
-  QMMemPtr pad1[2];  /* reserved, zero */
+  uint32_t version; /* structure version, 0 */
+  uint32_t kind;    /* a QMJnlKind */
+  const char *path; /* QM_JNL_FILE: the file to append to */
+  QMMemPtr pad1[2]; /* reserved, zero */
 } QMJnlCreateParms;
 
 /*
@@ -94,8 +94,8 @@ struct QM_JNL_S {
 #define QM_CEI_OS 0u        /* "the operating system's own encoding" where a field allows it */
 #define QM_CEI_ISO8859_1 1u /* single byte */
 #define QM_CEI_UTF8 2u
-#define QM_CEI_UTF16 25u    /* machine byte order */
-#define U_L_UCS4_CE 27u     /* UTF-32, machine byte order: the encoding of QMChar */
+#define QM_CEI_UTF16 25u /* machine byte order */
+#define U_L_UCS4_CE 27u  /* UTF-32, machine byte order: the encoding of QMChar */
 
 typedef enum qmnls_encoding_method_e {
   QM_SBCS = 0,
@@ -124,13 +124,13 @@ struct QM_NLS_PIPELINE_S {
   QMStatus (*Transcode)(QMNLSPipelineh p, const void *in, QMMemSize inbytes, void *out,
                         QMMemSize outcap, QMMemSize *outbytes);
   /* Converts as much as fits, advancing the four cursors. */
-  QMStatus (*TranscodeStream)(QMNLSPipelineh p, const void **in, QMMemSize *inbytesleft,
-                              void **out, QMMemSize *outbytesleft);
+  QMStatus (*TranscodeStream)(QMNLSPipelineh p, const void **in, QMMemSize *inbytesleft, void **out,
+                              QMMemSize *outbytesleft);
   NLScei incei;  /* source encoding */
   NLScei outcei; /* target encoding */
   /* Converts into a new block of pool (freed by the caller with memFree). */
-  QMStatus (*TranscodeWithPool)(QMNLSPipelineh p, const void *in, QMMemSize inbytes,
-                                QMPoolh pool, void **out, QMMemSize *outbytes);
+  QMStatus (*TranscodeWithPool)(QMNLSPipelineh p, const void *in, QMMemSize inbytes, QMPoolh pool,
+                                void **out, QMMemSize *outbytes);
 };
 
 #define QM_DATETIME_ISO8601 1 /* datetimeFormat selector: ISO-8601 local time */
@@ -152,8 +152,8 @@ struct QM_NLS_S {
   QMNLSPipelineh (*pipelineToQMChar)(QMNLSh nls, NLScei from, uint32_t flags, QMJnlh jnl);
   /* Bytes that inbytes bytes of text in encoding from take in encoding to,
      without a terminator; fails as Transcode would. */
-  QMStatus (*convertedSize)(QMNLSh nls, NLScei from, NLScei to, const void *in,
-                            QMMemSize inbytes, QMMemSize *outbytes);
+  QMStatus (*convertedSize)(QMNLSh nls, NLScei from, NLScei to, const void *in, QMMemSize inbytes,
+                            QMMemSize *outbytes);
   QMStatus (*encodingAttributes)(QMNLSh nls, NLScei enc, QMNLS_ENCODING_ATTRIB *attrib);
   /* The host's default locale; owned by the host, never destroyed by callers. */
   QMStatus (*defaultLocale)(QMNLSh nls, QMLocaleh *locale);
@@ -165,10 +165,10 @@ struct QM_EXT_S {
   QMGeneric generic; /* the loader sets destroy: realDestroy, then unload */
   QMStatus (*getReqVersion)(QMExtensionh ext, int *a, int *b, int *c);
   QMStatus (*getVersion)(QMExtensionh ext, int *a, int *b, int *c);
-  QMHndlp hndl;                            /* the host kernel handle */
+  QMHndlp hndl;                              /* the host kernel handle */
   QMStatus (*realDestroy)(QMExtensionh ext); /* the extension's own destroy */
   void *(*findFunction)(QMExtensionh ext, const char *name);
-  void *handle;                            /* the loader's handle of the shared object */
+  void *handle; /* the loader's handle of the shared object */
 };
 
 typedef QMStatus (*QMExtEntryFn)(QMHndlp hndl);
@@ -185,7 +185,7 @@ typedef enum QM_IO_BYTE_COUNT_KIND_E {
   QMIO_ByteCount_ALL = 4
 } QMIOByteCountKind;
 
-#define QM_CONFIG_DATETIME 16              /* ConfigureSystem request: the clock */
+#define QM_CONFIG_DATETIME 16 /* ConfigureSystem request: the clock */
 #define QM_CONFIG_DATETIME_FLAGS 0x10800000u
 
 struct QM_HNDL_S {
@@ -194,8 +194,8 @@ struct QM_HNDL_S {
   QMJnlh (*jnlCreate)(QMHndlp h, const QMJnlCreateParms *parms, void *reserved1, void *reserved2);
   QMPoolh (*poolCreate)(QMHndlp h, const QMPoolCreateParms *parms, QMJnlh jnl, const char *name);
   QMExtensionh (*loadExtension)(QMHndlp h, const QMChar *name, QMStrSize namelen, QMJnlh jnl);
-  QMJnlh qmjnl;  /* the host's default journal */
-  QMNLSh qmnls;  /* the NLS services */
+  QMJnlh qmjnl; /* the host's default journal */
+  QMNLSh qmnls; /* the NLS services */
   /* QM_CONFIG_DATETIME with a double[2] and QM_CONFIG_DATETIME_FLAGS writes
      the time of day (seconds since the Unix epoch) and an offset of 0.0. */
   QMStatus (*ConfigureSystem)(QMHndlp h, int request, void *buffer, uint32_t flags);
