@@ -142,35 +142,38 @@ size_t normalise(QMChar *p, size_t n) {
 QMStatus ioeGetFullPath(QMExtensionh ext, const QMChar *path, QMStrSize pathlen, QMMemPtr, QMMemPtr,
                         QMMemPtr, QMMemPtr, QMChar **fullpath, QMStrSize *fullpathlen,
                         QMIOEParms *parms) noexcept {
-  QMJnlh jnl = parms != nullptr ? parms->jnl : nullptr;
+  // Failures are returned, not journaled: the caller reports them in its
+  // own words (and would otherwise report them twice).
   if (fullpath != nullptr) *fullpath = nullptr;
   if (fullpathlen != nullptr) *fullpathlen = 0;
-  if (ext == nullptr || fullpath == nullptr || fullpathlen == nullptr)
-    return report(jnl, QM_E_BAD_ARGUMENT);
+  if (ext == nullptr || fullpath == nullptr || fullpathlen == nullptr) return QM_E_BAD_ARGUMENT;
   // A path longer than half the address space is no path (and its sizes would overflow).
   if (path == nullptr || pathlen <= 0 || static_cast<uint64_t>(pathlen) > SIZE_MAX / 8)
-    return report(jnl, QM_E_BAD_PATH);
+    return QM_E_BAD_PATH;
   IoeState *s = stateOf(ext);
   QMHndlp h = s->pub.Common.hndl;
   const auto n = static_cast<size_t>(pathlen);
 
-  if (parms != nullptr && parms->enc_pathname != 0) {
+  // The path must be expressible in its encoding (0: the OS's own), or the
+  // file it names could never be opened under that name.
+  {
+    const NLScei enc = parms != nullptr ? parms->enc_pathname : 0;
     QMMemSize bytes = 0;
-    const QMStatus st = h->qmnls->convertedSize(h->qmnls, U_L_UCS4_CE, parms->enc_pathname, path,
-                                                n * sizeof(QMChar), &bytes);
-    if (st != 0) return report(jnl, st);
+    const QMStatus st =
+        h->qmnls->convertedSize(h->qmnls, U_L_UCS4_CE, enc, path, n * sizeof(QMChar), &bytes);
+    if (st != 0) return st;
   }
 
   PoolBlock<QMChar> dir(s->pool);
   size_t dirLen = 0;
   if (path[0] != kSlash) {
-    if (QMStatus st = currentDirectory(s, &dir, &dirLen); st != 0) return report(jnl, st);
-    if (dirLen == 0 || dir.get()[0] != kSlash) return report(jnl, QM_E_BAD_PATH);
+    if (QMStatus st = currentDirectory(s, &dir, &dirLen); st != 0) return st;
+    if (dirLen == 0 || dir.get()[0] != kSlash) return QM_E_BAD_PATH;
   }
   // The joined text, then normalised where it lies; one more place for the terminator.
   const size_t joined = dirLen == 0 ? n : dirLen + 1 + n;
   PoolBlock<QMChar> out(s->pool);
-  if (!out.allocate((joined + 1) * sizeof(QMChar))) return report(jnl, QM_E_NO_MEMORY);
+  if (!out.allocate((joined + 1) * sizeof(QMChar))) return QM_E_NO_MEMORY;
   QMChar *p = out.get();
   if (dirLen != 0) {
     std::memcpy(p, dir.get(), dirLen * sizeof(QMChar));
@@ -186,12 +189,10 @@ QMStatus ioeGetFullPath(QMExtensionh ext, const QMChar *path, QMStrSize pathlen,
   return 0;
 }
 
-QMStatus ioeFreeFullPath(QMExtensionh ext, QMChar *fullpath, QMIOEParms *parms) noexcept {
-  QMJnlh jnl = parms != nullptr ? parms->jnl : nullptr;
-  if (ext == nullptr) return report(jnl, QM_E_BAD_ARGUMENT);
+QMStatus ioeFreeFullPath(QMExtensionh ext, QMChar *fullpath, QMIOEParms *) noexcept {
+  if (ext == nullptr) return QM_E_BAD_ARGUMENT;
   QMPoolh pool = stateOf(ext)->pool;
-  const QMStatus st = pool->memFree(pool, fullpath);
-  return st != 0 ? report(jnl, st) : 0;
+  return pool->memFree(pool, fullpath);
 }
 
 QMStatus ioeVersion(QMExtensionh, int *a, int *b, int *c) noexcept {

@@ -174,6 +174,7 @@ TEST_F(Host, MutexSharedHoldersExclusiveTakerAndRelease) {
   std::atomic<bool> exclusiveIn{false};
   auto reader = [&] {
     EXPECT_EQ(0, m->get(m, 0, 1));
+    EXPECT_EQ(QM_E_BUSY, m->get(m, 1, 1));  // its own shared hold would block it for ever
     ++holding;
     while (letGo.load() == 0) std::this_thread::yield();
     EXPECT_EQ(0, m->release(m));
@@ -181,6 +182,7 @@ TEST_F(Host, MutexSharedHoldersExclusiveTakerAndRelease) {
   std::thread r1(reader), r2(reader);
   while (holding.load() < 2) std::this_thread::yield();  // both hold it at once
   EXPECT_EQ(QM_E_BUSY, m->get(m, 1, 0));
+  EXPECT_EQ(QM_E_NOT_HELD, m->release(m));  // holds nothing: takes no reader's hold away
   std::thread writer([&] {
     EXPECT_EQ(0, m->get(m, 1, 1));
     exclusiveIn = true;
@@ -573,7 +575,7 @@ TEST_F(Qmioe, NormalisesLexicallyAgainstTheCurrentDirectory) {
   EXPECT_EQ("/tmp/é", full("/tmp/é", QM_CEI_ISO8859_1));
   qmhost_journal_clear(j);
   EXPECT_EQ(status(QM_E_UNMAPPABLE), full("/tmp/Āx", QM_CEI_ISO8859_1));
-  EXPECT_EQ(std::vector<QMStatus>{QM_E_UNMAPPABLE}, lastEntry(j).codes);
+  EXPECT_EQ(0u, qmhost_journal_count(j));  // the caller reports, qmioe only answers
   EXPECT_EQ(status(QM_E_UNKNOWN_ENCODING), full("/x", 99));
   QMChar foreign[4];
   EXPECT_EQ(QM_E_BAD_FREE, ext->Functions.freeFullPath(&ext->Common, foreign, nullptr));

@@ -169,9 +169,10 @@ TEST(OptionTable, ResetRemovesAPathAndWhatLiesBelowIt) {
       host.options(),
       (Table{{"/", QMELM_Fail}, {"/w", QMELM_None}, {"/x-", QMELM_None}, {"/xy", QMELM_None}}));
 
-  // A trailing slash names the same directory; an entry stored with the
-  // slash is removed by the request without it.
+  // A trailing slash names the same directory (and what lies below it); an
+  // entry stored with the slash is removed by the request without it.
   ASSERT_EQ(host.setOption("/x", QMELM_Continue), 0);
+  ASSERT_EQ(host.setOption("/x/y", QMELM_None), 0);
   ASSERT_EQ(host.setOption("/x/", QMELM_Reset), 0);
   ASSERT_EQ(host.setOption("/v/", QMELM_Continue), 0);
   ASSERT_EQ(host.setOption("/v", QMELM_Reset), 0);

@@ -103,9 +103,10 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
   ext->Pool = pool;
   FactoryUnwind unwind(ext);
 
-  if ((ext->ListMutex = hndl->lockCreate(hndl, &kLockParms, jnl, "QMELM Lock Mutex")) == nullptr)
+  if ((ext->ListMutex = hndl->lockCreate(hndl, &kLockParms, nullptr, "QMELM Lock Mutex")) ==
+      nullptr)
     return nullptr;
-  if ((ext->OptionMutex = hndl->lockCreate(hndl, &kLockParms, jnl, "QMELM Option Mutex")) ==
+  if ((ext->OptionMutex = hndl->lockCreate(hndl, &kLockParms, nullptr, "QMELM Option Mutex")) ==
       nullptr)
     return nullptr;
   // Exactly 24 bytes and no terminator: the zero-filled field that follows
@@ -132,7 +133,7 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
   if (!catalogueAnswers(hndl)) return nullptr;
   ext->IOInfo = nullptr;
   ext->numIOInfo = 0;
-  if ((ext->IOInfoMutex = hndl->lockCreate(hndl, &kLockParms, jnl, "QMELM IO Info Mutex")) ==
+  if ((ext->IOInfoMutex = hndl->lockCreate(hndl, &kLockParms, nullptr, "QMELM IO Info Mutex")) ==
       nullptr)
     return nullptr;
   return &unwind.release()->Common;

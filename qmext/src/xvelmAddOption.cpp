@@ -101,9 +101,7 @@ int xvelmAddOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) 
   // of the path is what snapshots show.
   for (QMMemSize i = 0; i < ext->NumOptions; ++i) {
     QMELM_LOCK_OPTION_S *e = ext->Options[i];
-    if (e->fullpathlen == keyLen &&
-        std::memcmp(e->fullpath, key.get(), static_cast<std::size_t>(keyLen) * sizeof(QMChar)) ==
-            0) {
+    if (e->fullpathlen == keyLen && sameText(e->fullpath, key.get(), keyLen)) {
       e->option = static_cast<QMELMLockOption>(option);
       return 0;
     }

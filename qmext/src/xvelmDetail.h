@@ -149,6 +149,13 @@ void journalStatus(QMJnlh jnl, QMStatus status, A... args) noexcept {
   if (jnl != nullptr) (void)qmlStatusToJnl(jnl, QMSeverityError, status, args...);
 }
 
+// Journals status (when jnl is not null) and returns it: the one-line failure
+// exit of the workers.
+[[nodiscard]] inline QMStatus journaled(QMJnlh jnl, QMStatus status) noexcept {
+  journalStatus(jnl, status);
+  return status;
+}
+
 // Frees a block to pool, journals a failing free, and returns the pool's status.
 QMStatus freeBlock(QMPoolh pool, void *block, QMJnlh jnl) noexcept;
 

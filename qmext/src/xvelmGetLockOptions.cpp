@@ -11,14 +11,6 @@ using namespace xvelm::detail;
 
 namespace {
 
-// A copy of count QMChars straight from the pool (flags 0), or null.
-QMChar *rawCopy(QMPoolh pool, const QMChar *s, QMStrSize count) {
-  const std::size_t n = count > 0 ? static_cast<std::size_t>(count) : 0;
-  auto *copy = static_cast<QMChar *>(pool->memAlloc(pool, (n > 0 ? n : 1) * sizeof(QMChar), 0));
-  if (copy != nullptr && n > 0) std::memcpy(copy, s, n * sizeof(QMChar));
-  return copy;
-}
-
 // Makes the copy into parms. Expects OptionMutex held. On a failed allocation
 // whatever was already copied is left in the pool on purpose, not handed out
 // and not freed: it goes with the pool. That is why the blocks here are not
@@ -37,9 +29,9 @@ QMChar *rawCopy(QMPoolh pool, const QMChar *s, QMStrSize count) {
         pool->memAlloc(pool, sizeof(QMELM_LOCK_OPTION_S), QM_POOL_ZERO_FILL));
     if (to == nullptr) return QMELM_E_NO_MEMORY;
     table[i] = to;
-    to->path = rawCopy(pool, from->path, from->pathlen);
+    to->path = copyText(pool, from->path, from->pathlen).release();
     if (to->path == nullptr) return QMELM_E_NO_MEMORY;
-    to->fullpath = rawCopy(pool, from->fullpath, from->fullpathlen);
+    to->fullpath = copyText(pool, from->fullpath, from->fullpathlen).release();
     if (to->fullpath == nullptr) return QMELM_E_NO_MEMORY;
     to->pathlen = from->pathlen;
     to->fullpathlen = from->fullpathlen;

@@ -50,6 +50,14 @@ inline IORecord *recordOf(QMELMIOInfop info) {
   return reinterpret_cast<IORecord *>(info);
 }
 
+// The process holds the record lock for the node (or the file system has
+// none to hold), and the node's type becomes that of the holder R that
+// decided it. NodeMutex held.
+inline void grantRecordLock(NodeState *node, QMMemSize R) {
+  node->pub.FcntlLockSet = 1;
+  node->pub.CommonLock.LockType = R;
+}
+
 // ---- descriptor lists (under the node's NodeMutex) --------------------------
 
 inline void pushDescriptor(XVELMFileDescriptorp &head, XVELMFileDescriptorp d) {

@@ -22,6 +22,7 @@ using namespace xvelm::detail;
 constexpr QMMemSize kSkipsOptionMatch =
     QMELM_NOEXTERNAL_LOCK | QMELM_OPT_NONE | QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;
 constexpr char kHandleName[] = "QM Resource Lock Handle";
+constexpr QMMemSize kMaxNameChars = SIZE_MAX / (4 * sizeof(QMChar));
 static_assert(sizeof(kHandleName) - 1 == sizeof(QMELMLPrivate{}.HandleName),
               "the handle's name fills its field exactly, without a terminator");
 
@@ -151,10 +152,7 @@ class Acquisition {
   }
 
  private:
-  [[nodiscard]] QMStatus fail(QMStatus st) const {
-    journalStatus(jnl_, st);
-    return st;
-  }
+  [[nodiscard]] QMStatus fail(QMStatus st) const { return journaled(jnl_, st); }
   [[nodiscard]] QMStatus allocateHandle(QMMemSize resType, QMMemSize lockType) noexcept;
   void matchOption(QMMemSize lockType, NLScei target) noexcept;
   [[nodiscard]] QMStatus makeNarrowName(QMNLSPipelineh pipe, HostObject<QMNLSPipelineh> &own,
@@ -374,6 +372,12 @@ QMELMLHndlp xvelmLockGet(QMELMExtensionp extHndl, QMMemPtr lockParms, QMMemSize 
   parms->AcquiredLockType = 0;
   if (const int rc = xvelmValidateLockType(extHndl, lockType, jnl); rc != 0) {
     *qmrc = rc;
+    return nullptr;
+  }
+
+  // A name whose byte sizes would overflow is one no pool could hold.
+  if (parms->FilenameLen > kMaxNameChars) {
+    *qmrc = journaled(jnl, QMELM_E_NO_MEMORY);
     return nullptr;
   }
 

@@ -268,8 +268,7 @@ QMStatus External::takeRecordLock(XVELMFileDescriptorp d) const {
     }, byName{};
     if (sys().fstat(d->fd, &byFd) == 0 && sys().stat(file().ID.NarrowFilename, &byName) == 0 &&
         byFd.st_dev == byName.st_dev && byFd.st_ino == byName.st_ino) {
-      file().FcntlLockSet = 1;
-      res().LockType = R;
+      grantRecordLock(node, R);
       return 0;
     }
     // The lock taken on the replaced file is left to the close of the node's
@@ -280,16 +279,14 @@ QMStatus External::takeRecordLock(XVELMFileDescriptorp d) const {
     return refused(d, req, EAGAIN);
   }
   if (rc > 0) {  // not a documented result; taken as success, unverified
-    file().FcntlLockSet = 1;
-    res().LockType = R;
+    grantRecordLock(node, R);
     return 0;
   }
   const int err = errno;
   if (err == EOPNOTSUPP || err == EROFS || err == EINVAL) {
     // A file system without record locks: the lock is granted deliberately,
     // since nothing else could ever be.
-    file().FcntlLockSet = 1;
-    res().LockType = R;
+    grantRecordLock(node, R);
     return 0;
   }
   return refused(d, req, err);

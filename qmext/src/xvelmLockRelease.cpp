@@ -17,11 +17,6 @@ namespace {
 
 using namespace xvelm::detail;
 
-QMStatus journaled(QMJnlh jnl, QMStatus st) {
-  journalStatus(jnl, st);
-  return st;
-}
-
 // Takes the handle's internal count out of the node. When the last
 // non-shared non-exclusive holder leaves others behind, those are all shared
 // ones, and the node's type says so again.
@@ -68,8 +63,7 @@ bool uncountExternal(QMELMResLock &n, QMMemSize R) {
   if (sys().fcntl(fd, F_SETLK, &req) == 0 || errno == EOPNOTSUPP || errno == EROFS ||
       errno == EINVAL) {
     // The node takes the leaving holder's type, as it always has.
-    node->pub.FcntlLockSet = 1;
-    node->pub.CommonLock.LockType = R;
+    grantRecordLock(node, R);
     return 0;
   }
   const int err = errno;
@@ -101,10 +95,11 @@ int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept 
   auto *parms = static_cast<XVELMFileLockParms *>(lockParms);
   NodeState *node = nodeOf(lock);
   QMELMResLock &n = node->pub.CommonLock;
-  const QMMemSize R = lock->Private.LockType;
   QMStatus result = 0;
   {
     MutexGuard nm(n.NodeMutex);
+    // The handle's type is read under the node's mutex, like every change of it.
+    const QMMemSize R = lock->Private.LockType;
     if (isDead(&n)) {
       // A live handle keeps its node alive (the node dies with its last
       // holder), so this should not happen; if it does, the handle is not
@@ -136,8 +131,7 @@ int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept 
     } else {
       // Other exclusive holders remain: the record lock stays as it is, and
       // the node takes the leaving holder's type, as it always has.
-      node->pub.FcntlLockSet = 1;
-      n.LockType = R;
+      grantRecordLock(node, R);
     }
 
     if (ext->Common.hndl->iobytecount > QMIO_ByteCount_None) {

@@ -61,6 +61,10 @@ Message &Message::advance(QMStatus rc, QMStrSize len) noexcept {
 
 Message &Message::text(const QMChar *s, QMStrSize len) noexcept {
   if (!live()) return *this;
+  // A length the buffer cannot take (or a negative one, which the format
+  // would read as "up to a terminator" in a name that has none) is a piece
+  // that does not render.
+  if (len < 0 || len > room()) return advance(QM_E_BUFFER_TOO_SMALL, 0);
   QMStrSize out = 0;
   QMStatus rc = qmlMessageToBuf(jnl_, kFmtCountedString.data(), kFmtCountedString.size(),
                                 buf_ + used_, room(), &out, static_cast<int>(len), s);

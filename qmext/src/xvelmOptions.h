@@ -6,6 +6,8 @@
 #ifndef XVELM_OPTIONS_H
 #define XVELM_OPTIONS_H
 
+#include <cstring>
+
 #include "qmioe.h"
 #include "xvelmDetail.h"
 
@@ -45,6 +47,11 @@ class FullPath {
 PoolPtr<QMChar> copyText(QMPoolh pool, const QMChar *s, QMStrSize n) noexcept;
 
 // True for the key "/" of the root entry.
+// The first n code units of a and b are equal (exact, case-sensitive).
+[[nodiscard]] inline bool sameText(const QMChar *a, const QMChar *b, QMStrSize n) {
+  return n <= 0 || std::memcmp(a, b, static_cast<std::size_t>(n) * sizeof(QMChar)) == 0;
+}
+
 inline bool isRootKey(const QMChar *s, QMStrSize n) {
   return n == 1 && s[0] == '/';
 }

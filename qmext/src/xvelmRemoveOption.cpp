@@ -12,12 +12,9 @@ using namespace xvelm::detail;
 
 namespace {
 
-[[nodiscard]] bool sameText(const QMChar *a, const QMChar *b, QMStrSize n) {
-  return std::memcmp(a, b, static_cast<std::size_t>(n) * sizeof(QMChar)) == 0;
-}
-
 // Whether a reset of full path f (flen) removes the entry e: the entry itself
-// (also when the request adds a trailing slash), or any entry below it. The
+// (also when the request adds a trailing slash), or any entry below it (also
+// when the request names the directory with its trailing slash). The
 // root entry survives every reset but that of "/".
 bool resetRemoves(const QMChar *f, QMStrSize flen, const QMELM_LOCK_OPTION_S *e) {
   const QMChar *r = e->fullpath;
@@ -25,7 +22,8 @@ bool resetRemoves(const QMChar *f, QMStrSize flen, const QMELM_LOCK_OPTION_S *e)
   if (isRootKey(r, rlen) && flen > 1) return false;
   if (flen == rlen) return sameText(f, r, flen);
   if (flen == rlen + 1) return f[flen - 1] == '/' && sameText(f, r, rlen);
-  if (flen < rlen) return r[flen] == '/' && sameText(f, r, flen);
+  // Below the requested directory, whether or not the request ends in "/".
+  if (flen < rlen) return (r[flen] == '/' || f[flen - 1] == '/') && sameText(f, r, flen);
   return false;
 }
 

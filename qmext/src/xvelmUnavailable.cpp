@@ -9,8 +9,7 @@ using namespace xvelm::detail;
 
 namespace {
 int notAvailable(QMJnlh jnl) noexcept {
-  journalStatus(jnl, QMELM_E_NOT_AVAILABLE);
-  return QMELM_E_NOT_AVAILABLE;
+  return journaled(jnl, QMELM_E_NOT_AVAILABLE);
 }
 }  // namespace
 

@@ -88,7 +88,7 @@ int xvelmValidateLockType(QMELMExtensionp hndl, QMMemSize LockType, QMJnlh jnl) 
   Message msg(hndl, jnl);
   if (!msg.active()) return QMELM_E_INVALID_LOCKTYPE;
   QMChar description[1024];
-  msg.status(QMELM_E_INVALID_LOCKTYPE);
+  if (msg.status(QMELM_E_INVALID_LOCKTYPE).abandoned()) return QMELM_E_INVALID_LOCKTYPE;
   if (xvelmBuildLockTypeMsg(hndl, LockType, description, 1024, jnl) != 0)
     return QMELM_E_INVALID_LOCKTYPE;
   msg.status(QMELM_M_LOCKTYPE_IS, description);

@@ -299,7 +299,7 @@ void journalDetail(QMJnlh jnl, QMStatus status, const std::string &detail) noexc
   try {
     std::vector<QMChar> text;
     TextSink sink(&text);
-    sink.putAscii(catalogueText(status));
+    if (const char *t = catalogueText(status); t != nullptr) sink.putAscii(t);
     sink.put(' ');
     const auto *s = reinterpret_cast<const unsigned char *>(detail.data());
     for (size_t i = 0, n = detail.size(); i < n;) {

@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <system_error>
+#include <vector>
 
 #include "host_internal.h"
 
@@ -23,13 +24,42 @@ uintptr_t self() {
   return static_cast<uintptr_t>(pthread_self());
 }
 
+// The shared holds of the calling thread, so that a release knows which mode
+// its caller holds and a thread cannot take a mutex it already holds. A
+// thread holds few mutexes shared at once: a short vector searched linearly.
+class SharedHolds {
+ public:
+  bool holds(const Lock *l) const {
+    for (const Lock *h : held_)
+      if (h == l) return true;
+    return false;
+  }
+  void reserveOne() { held_.reserve(held_.size() + 1); }    // may throw bad_alloc
+  void add(const Lock *l) noexcept { held_.push_back(l); }  // after reserveOne
+  bool drop(const Lock *l) noexcept {
+    for (size_t i = held_.size(); i-- > 0;) {
+      if (held_[i] == l) {
+        held_[i] = held_.back();
+        held_.pop_back();
+        return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  std::vector<const Lock *> held_;
+};
+
+thread_local SharedHolds sharedHolds;
+
 QMStatus lockGet(QMLockh lh, int exclusive, int wait) noexcept {
   if (lh == nullptr) return QM_E_BAD_ARGUMENT;
   Lock *l = asLock(lh);
   const uintptr_t me = self();
-  // The mutex is not recursive: a second get by the exclusive holder would
-  // never return.
-  if (l->owner.load(std::memory_order_relaxed) == me) return QM_E_BUSY;
+  // The mutex is not recursive: a second get by a thread that holds it, in
+  // either mode, would never return (or is undefined for a shared holder).
+  if (l->owner.load(std::memory_order_relaxed) == me || sharedHolds.holds(l)) return QM_E_BUSY;
   try {
     if (exclusive != 0) {
       if (wait != 0)
@@ -38,21 +68,25 @@ QMStatus lockGet(QMLockh lh, int exclusive, int wait) noexcept {
         return QM_E_BUSY;
       l->owner.store(me, std::memory_order_relaxed);
     } else {
+      sharedHolds.reserveOne();
       if (wait != 0)
         l->m.lock_shared();
       else if (!l->m.try_lock_shared())
         return QM_E_BUSY;
+      sharedHolds.add(l);
       l->shared.fetch_add(1, std::memory_order_relaxed);
     }
   } catch (const std::system_error &) {
     return QM_E_BUSY;  // the library saw a deadlock, or too many readers
+  } catch (const std::bad_alloc &) {
+    return QM_E_NO_MEMORY;
   }
   return 0;
 }
 
 // Only the exclusive holder ever stores its own id in owner, so reading our
 // id there means we hold the mutex exclusively (relaxed is enough: a thread
-// always sees its own latest store).
+// always sees its own latest store). Shared holds are the thread's own record.
 QMStatus lockRelease(QMLockh lh) noexcept {
   if (lh == nullptr) return QM_E_BAD_ARGUMENT;
   Lock *l = asLock(lh);
@@ -61,14 +95,10 @@ QMStatus lockRelease(QMLockh lh) noexcept {
     l->m.unlock();
     return 0;
   }
-  long n = l->shared.load(std::memory_order_relaxed);
-  while (n > 0) {
-    if (l->shared.compare_exchange_weak(n, n - 1, std::memory_order_relaxed)) {
-      l->m.unlock_shared();
-      return 0;
-    }
-  }
-  return QM_E_NOT_HELD;
+  if (!sharedHolds.drop(l)) return QM_E_NOT_HELD;
+  l->shared.fetch_sub(1, std::memory_order_relaxed);
+  l->m.unlock_shared();
+  return 0;
 }
 
 // The caller may hold the mutex exclusively (it took it to be sure nobody

@@ -65,7 +65,9 @@ QM_EXPORT QMJnlh qmhost_journal_create(QMHndlp h, QMJnlKind kind, const char *pa
    entries in memory. */
 typedef struct QMHOST_JOURNAL_ENTRY_S {
   QMSeverity severity;
-  const char *text;      /* UTF-8, owned by the journal until it is cleared */
+  const char *text;      /* UTF-8, owned by the journal: valid until the entry is
+                            cleared or evicted (4096 newer entries) or the journal
+                            destroyed; read entries while nobody writes to it */
   const QMStatus *codes; /* the statuses rendered into this entry, in order */
   size_t ncodes;
 } QMHostJournalEntry;
