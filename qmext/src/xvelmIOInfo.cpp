@@ -126,8 +126,8 @@ int xvelmCreateIOInfo(QMELMLHndlp lock, QMELMCreateIOInfoParms *parms, QMJnlh jn
 
   // Every acquisition gets a record of its own, deliberately: there is no
   // search for one of the same name.
-  JournaledBlock<IORecord> rec(pool, jnl);
-  JournaledBlock<QMChar> name(pool, jnl);
+  PoolPtr<IORecord> rec(pool, jnl);
+  PoolPtr<QMChar> name(pool, jnl);
   const QMMemSize len = node->pub.ID.FilenameLen;
   const QMLockCreateParms lcp{};
   QMLockh m = nullptr;

@@ -136,38 +136,6 @@ inline void messageName(const XVELMFileLockParms *parms, const NodeState *node, 
   }
 }
 
-// ---- pool blocks whose failing free is journaled ------------------------------
-
-// Like PoolPtr, but a failing free (which only a corrupted pool produces) is
-// journaled, as every free of lock acquisition and release is.
-template <class T>
-class JournaledBlock {
- public:
-  JournaledBlock(QMPoolh pool, QMJnlh jnl, T *p = nullptr) : pool_(pool), jnl_(jnl), p_(p) {}
-  ~JournaledBlock() { (void)reset(); }
-  JournaledBlock(const JournaledBlock &) = delete;
-  JournaledBlock &operator=(const JournaledBlock &) = delete;
-  T *get() const { return p_; }
-  T *operator->() const { return p_; }
-  explicit operator bool() const { return p_ != nullptr; }
-  [[nodiscard]] T *release() { return std::exchange(p_, nullptr); }
-  // Allocates sizeof(T) (or bytes) with flags; false when the pool refused.
-  [[nodiscard]] bool allocate(std::size_t bytes = sizeof(T), uint32_t flags = QM_POOL_ZERO_FILL) {
-    (void)reset();
-    p_ = static_cast<T *>(pool_->memAlloc(pool_, bytes, flags));
-    return p_ != nullptr;
-  }
-  QMStatus reset() {
-    if (p_ == nullptr) return 0;
-    return freeBlock(pool_, std::exchange(p_, nullptr), jnl_);
-  }
-
- private:
-  QMPoolh pool_;
-  QMJnlh jnl_;
-  T *p_;
-};
-
 // ---- I/O records of a node -----------------------------------------------------
 
 // Called while a dead node is destroyed (its NodeDeleteMutex and NodeMutex

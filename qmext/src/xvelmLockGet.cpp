@@ -168,9 +168,9 @@ class Acquisition {
   QMHndlp hndl_;
   QMNLSh nls_;
   // Freed in reverse order on failure: narrow name, file handle, handle.
-  JournaledBlock<HandleBlock> block_;
-  JournaledBlock<XVELMFileHandle> fileHandle_;
-  JournaledBlock<char> narrow_;
+  PoolPtr<HandleBlock> block_;
+  PoolPtr<XVELMFileHandle> fileHandle_;
+  PoolPtr<char> narrow_;
   NarrowName nn_;
 };
 
@@ -273,9 +273,9 @@ QMStatus Acquisition::acquireOnExisting(NodeState *node) noexcept {
 // the file open.
 QMStatus Acquisition::acquireOnNew(std::optional<MutexGuard> &list) noexcept {
   QMPoolh pool = ext_->Pool;
-  JournaledBlock<NodeState> node(pool, jnl_);
+  PoolPtr<NodeState> node(pool, jnl_);
   if (!node.allocate()) return fail(QMELM_E_NO_MEMORY);
-  JournaledBlock<QMChar> name(pool, jnl_);
+  PoolPtr<QMChar> name(pool, jnl_);
   if (!name.allocate((parms_->FilenameLen + 1) * sizeof(QMChar))) return fail(QMELM_E_NO_MEMORY);
   if (parms_->FilenameLen != 0)
     std::memcpy(name.get(), parms_->Filename, parms_->FilenameLen * sizeof(QMChar));

@@ -210,7 +210,7 @@ QMStatus External::openFresh(XVELMFileDescriptorp *out, double *openTime) const 
 QMStatus External::openFailed(XVELMFileDescriptorp rec, int err) const {
   parms->Errno = err;
   const QMStatus st = openFailureStatus(err);
-  JournaledBlock<XVELMFileDescriptor> owned(ext->Pool, jnl, rec);
+  PoolPtr<XVELMFileDescriptor> owned(ext->Pool, jnl, rec);
   if (!journalFileLockFailure(ext, jnl, text(st, MessageTail::Errno, err),
                               Rendering::CheckedFitName) &&
       st != QMELM_E_OPEN_FAILED) {
