@@ -19,6 +19,14 @@
 
 namespace {
 
+// The status of the host's last failed constructor, when the host's table
+// has that member (it is no part of every host's table); a lack of memory
+// otherwise.
+QMStatus hostStatus(QMHndlp h) {
+  const QMStatus st = h->lastStatus != nullptr ? h->lastStatus(h) : 0;
+  return st != 0 ? st : QM_E_NO_MEMORY;
+}
+
 constexpr int kVersion[3] = {7, 1, 1};
 constexpr QMChar kSlash = '/';
 constexpr QMChar kDot = '.';
@@ -101,7 +109,7 @@ QMStatus currentDirectory(IoeState *s, PoolBlock<QMChar> *dir, size_t *len) {
   }
   QMNLSh nls = h->qmnls;
   QMNLSPipelineh toQM = nls->pipelineToQMChar(nls, QM_CEI_OS, 0, nullptr);
-  if (toQM == nullptr) return h->lastStatus(h);
+  if (toQM == nullptr) return hostStatus(h);
   PipelineGuard guard(toQM);
   void *text = nullptr;
   QMMemSize textBytes = 0;
@@ -241,12 +249,12 @@ QM_EXPORT QMExtensionh qmioe(QMHndlp hndl, QMJnlh jnl) noexcept {
   if (hndl == nullptr) return nullptr;
   QMPoolh pool = hndl->poolCreate(hndl, nullptr, jnl, "qmioe pool");
   if (pool == nullptr) {
-    (void)report(jnl, hndl->lastStatus(hndl));
+    (void)report(jnl, hndl == nullptr ? QM_E_NO_MEMORY : hostStatus(hndl));
     return nullptr;
   }
   void *mem = pool->memAlloc(pool, sizeof(IoeState), QM_POOL_ZERO_FILL);
   if (mem == nullptr) {
-    (void)report(jnl, hndl->lastStatus(hndl));
+    (void)report(jnl, hndl == nullptr ? QM_E_NO_MEMORY : hostStatus(hndl));
     (void)pool->generic.destroy(pool);
     return nullptr;
   }

@@ -169,17 +169,21 @@ TEST(OptionTable, ResetRemovesAPathAndWhatLiesBelowIt) {
       host.options(),
       (Table{{"/", QMELM_Fail}, {"/w", QMELM_None}, {"/x-", QMELM_None}, {"/xy", QMELM_None}}));
 
-  // A trailing slash names the same directory (and what lies below it); an
-  // entry stored with the slash is removed by the request without it.
+  // A trailing slash names the same directory, but what lies below must
+  // continue with a slash right after the request: "/x/" removes "/x" and
+  // keeps "/x/y". An entry stored with the slash is removed by the request
+  // without it.
   ASSERT_EQ(host.setOption("/x", QMELM_Continue), 0);
   ASSERT_EQ(host.setOption("/x/y", QMELM_None), 0);
   ASSERT_EQ(host.setOption("/x/", QMELM_Reset), 0);
   ASSERT_EQ(host.setOption("/v/", QMELM_Continue), 0);
   ASSERT_EQ(host.setOption("/v", QMELM_Reset), 0);
   const Table before = host.options();
-  EXPECT_EQ(
-      before,
-      (Table{{"/", QMELM_Fail}, {"/w", QMELM_None}, {"/x-", QMELM_None}, {"/xy", QMELM_None}}));
+  EXPECT_EQ(before, (Table{{"/", QMELM_Fail},
+                           {"/w", QMELM_None},
+                           {"/x-", QMELM_None},
+                           {"/x/y", QMELM_None},
+                           {"/xy", QMELM_None}}));
   EXPECT_EQ(host.entryCount(), 0u);
 
   // Nothing to remove: a note naming the path as given and its full path.

@@ -7,6 +7,7 @@
 
 #include "xvelm.h"
 #include "xvelmDetail.h"
+#include "xvelmIdentity.h"
 
 using namespace xvelm::detail;
 
@@ -86,8 +87,11 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
     journalStatus(jnl, QMELM_E_CREATE_FAILED);
     return nullptr;
   }
-  auto *ext = static_cast<QMELMExtension *>(
-      pool->memAlloc(pool, sizeof(QMELMExtension), QM_POOL_ZERO_FILL));
+  // The object is allocated with the private state that follows it (the
+  // name index, the dead-node queue, the registry links).
+  auto *state = static_cast<ExtensionState *>(
+      pool->memAlloc(pool, sizeof(ExtensionState), QM_POOL_ZERO_FILL));
+  QMELMExtension *ext = state != nullptr ? &state->pub : nullptr;
   if (ext == nullptr) {
     journalStatus(jnl, QMELM_E_CREATE_FAILED);
     (void)pool->generic.destroy(pool);
@@ -101,6 +105,8 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
   ext->Common.hndl = hndl;
   ext->Common.realDestroy = qmelmdestroy;
   ext->Pool = pool;
+  state->buckets = state->inlineBuckets;
+  state->bucketCount = sizeof(state->inlineBuckets) / sizeof(state->inlineBuckets[0]);
   FactoryUnwind unwind(ext);
 
   if ((ext->ListMutex = hndl->lockCreate(hndl, &kLockParms, nullptr, "QMELM Lock Mutex")) ==
@@ -136,6 +142,7 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
   if ((ext->IOInfoMutex = hndl->lockCreate(hndl, &kLockParms, nullptr, "QMELM IO Info Mutex")) ==
       nullptr)
     return nullptr;
+  registerExtension(ext);
   return &unwind.release()->Common;
 }
 
@@ -145,6 +152,11 @@ QMStatus qmelmdestroy(QMExtensionh extension) noexcept {
     QMELMResetIOInfoParms parms = kResetParms;
     (void)ext->Functions.ResetIOInfo(ext, &parms, nullptr);
   }
+  // The descriptors of every node still alive are closed (their record locks
+  // dropped) through the file table, and their handles forgotten: a later
+  // release of one answers QMELM_E_DEAD_NODE without touching freed memory.
+  unregisterExtension(ext);
+  forgetExtension(ext);
   unregisterHandlesOf(ext);
   destroyObject(ext->qmioeh);
   (void)ext->toOS->generic.destroy(ext->toOS);

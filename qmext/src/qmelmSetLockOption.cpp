@@ -2,9 +2,11 @@
 // below it, every other option is stored. The choice is made on the option
 // alone; an absent path does not select removal.
 #include "xvelm.h"
+#include "xvelmDetail.h"
 #include "xvelmOptions.h"
 
 int qmelmsetlockoption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) noexcept {
+  if (parms == nullptr) return xvelm::detail::journaled(jnl, QMELM_E_NULL_PARMS);
   // The option is read as the 32-bit number a C caller may have put there.
   if (xvelm::detail::requestedOption(parms->option) == QMELM_Reset)
     return xvelmRemoveOption(ext, parms, jnl);

@@ -95,6 +95,7 @@ int xvelmAddOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) 
   if (QMStatus rc = resolved.giveBack(); rc != 0) return rc;
 
   MutexGuard guard(ext->OptionMutex);
+  if (!guard) return journaled(jnl, guard.status());
 
   // An entry with the same key only takes the new option. Its path text stays
   // the one it was first stored with: intentional, the first caller's spelling

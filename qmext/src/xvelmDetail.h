@@ -48,12 +48,18 @@ inline constexpr QMLiteral kRootPath("/");
 enum class LockMode : int { Shared = 0, Exclusive = 1 };
 
 // Holds a host mutex for its scope: get(mode, 1) on construction, release on
-// destruction or unlock(). The host's mutexes never fail a valid get.
+// destruction or unlock(). A get the host refuses (re-entry by a thread that
+// holds the mutex, no memory, a failure) leaves the guard not held: the
+// caller must test it and return status() instead of running its critical
+// section unlocked.
 class XVELM_TSA(scoped_lockable) MutexGuard {
  public:
   explicit MutexGuard(QMLockh m, LockMode mode = LockMode::Exclusive)
       XVELM_TSA(no_thread_safety_analysis)
-      : m_(m), held_(m->get(m, static_cast<int>(mode), 1) == 0) {}
+      : m_(m) {
+    status_ = m == nullptr ? QMELM_E_NO_MEMORY : m->get(m, static_cast<int>(mode), 1);
+    held_ = status_ == 0;
+  }
   ~MutexGuard() XVELM_TSA(no_thread_safety_analysis) { unlock(); }
   MutexGuard(const MutexGuard &) = delete;
   MutexGuard &operator=(const MutexGuard &) = delete;
@@ -64,10 +70,14 @@ class XVELM_TSA(scoped_lockable) MutexGuard {
     }
   }
   bool held() const { return held_; }
+  explicit operator bool() const { return held_; }
+  // The host's status for a refused get; 0 while held.
+  QMStatus status() const { return held_ ? 0 : status_; }
 
  private:
   QMLockh m_;
-  bool held_;
+  QMStatus status_ = 0;
+  bool held_ = false;
 };
 
 // Destroys a host object (mutex, pipeline, extension, journal) through its
@@ -273,6 +283,32 @@ void registerHandle(HandleBlock *h) noexcept;
 // Takes every handle of an extension out of the set: its destroy frees them
 // with its pool, whether or not their holders released them.
 void unregisterHandlesOf(const QMELMExtension *ext) noexcept;
+// In the child of a fork: frees the set's bucket locks (the parent's other
+// threads may have held some at the fork).
+void resetHandleSetAfterFork() noexcept;
+
+// ---- the extension object as it is allocated -------------------------------
+
+struct NodeState;
+
+// The factory allocates this; callers only ever see `pub`.
+// Mutex rules: the name index (buckets, bucketCount, nodeCount) is guarded by
+// ListMutex; dead is a lock-free stack (queueDeadNode pushes, an acquisition
+// takes all); regNext and regPrev by the process's registry mutex.
+struct ExtensionState {
+  QMELMExtension pub;              // first member: the public object
+  NodeState **buckets;             // name index: inlineBuckets, or a pool block once grown
+  QMMemSize bucketCount;           // a power of two
+  QMMemSize nodeCount;             // nodes in the index
+  NodeState *dead;                 // nodes waiting to be destroyed
+  ExtensionState *regNext;         // registry of live extension objects
+  ExtensionState *regPrev;
+  NodeState *inlineBuckets[64];    // the index's first buckets: no allocation
+};
+
+inline ExtensionState *stateOf(QMELMExtension *e) {
+  return reinterpret_cast<ExtensionState *>(e);
+}
 
 // ---- atomics on shared public fields ---------------------------------------
 

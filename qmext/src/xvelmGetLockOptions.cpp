@@ -45,7 +45,9 @@ namespace {
 }  // namespace
 
 int xvelmGetLockOptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms, QMJnlh jnl) noexcept {
+  if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   MutexGuard guard(ext->OptionMutex);
+  if (!guard) return journaled(jnl, guard.status());
   const QMStatus rc = copyTable(ext, parms);
   guard.unlock();
   if (rc != 0) journalStatus(jnl, rc);

@@ -60,6 +60,12 @@ bool unregisterHandle(const void *h) noexcept {
   return false;
 }
 
+void resetHandleSetAfterFork() noexcept {
+  // Only the forking thread exists in the child: a stripe that another thread
+  // of the parent held at the fork would otherwise stay taken for ever.
+  for (std::atomic_flag &f : stripes) f.clear(std::memory_order_relaxed);
+}
+
 void unregisterHandlesOf(const QMELMExtension *ext) noexcept {
   for (std::size_t b = 0; b < kBuckets; ++b) {
     StripeGuard g(b);

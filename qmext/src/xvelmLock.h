@@ -9,6 +9,7 @@
 #define XVELM_LOCK_H
 
 #include "xvelmDetail.h"
+#include "xvelmIdentity.h"
 
 namespace xvelm::detail {
 
@@ -26,13 +27,37 @@ struct IORecord {
   bool retired;        // forgotten by a reset but kept for the node's handles
 };
 
-// A file node as it is allocated: the public node and the chain of every I/O
-// record made for it (guarded by IOInfoMutex). A record on the chain is never
-// freed while the node lives, so the node's Info can always be followed.
+// A file node as it is allocated: the public node, the chain of every I/O
+// record made for it (guarded by IOInfoMutex; a record on the chain is never
+// freed while the node lives, so the node's Info can always be followed), its
+// place in the process's file table, and its links in the extension's name
+// index and dead-node queue.
+// Mutex rules: link is guarded by the file table's mutex; indexNext, hash
+// and listed by the extension's ListMutex; deadNext belongs to whoever took
+// the node off the dead queue; owner and generation never change.
 struct NodeState {
-  XVELMFileLock pub;  // first member: the public node
-  IORecord *records;  // newest first
+  XVELMFileLock pub;        // first member: the public node
+  IORecord *records;        // newest first
+  FileLink link;            // the node's file in the process's file table
+  NodeState *indexNext;     // chain of the name index's bucket
+  NodeState *deadNext;      // dead-node queue, then the destroying walk's list
+  QMELMExtension *owner;    // the extension whose pool holds the node
+  uint64_t hash;            // of the name, for the index
+  uint32_t generation;      // the fork generation that made the node
+  bool listed;              // on LockList and in the name index
 };
+
+// Queues a node that just died (or whose deferred closes were just made) for
+// the next acquisition of its extension to destroy. Lock-free: a release
+// holds only NodeMutex, the file table only its own mutex.
+inline void queueDeadNode(NodeState *node) noexcept {
+  ExtensionState *es = stateOf(node->owner);
+  NodeState *head = __atomic_load_n(&es->dead, __ATOMIC_RELAXED);
+  do {
+    node->deadNext = head;
+  } while (!__atomic_compare_exchange_n(&es->dead, &head, node, true, __ATOMIC_RELEASE,
+                                        __ATOMIC_RELAXED));
+}
 
 inline XVELMLHndl *fileHandleOf(QMELMLHndlp lock) {
   return reinterpret_cast<XVELMLHndl *>(lock);
@@ -86,14 +111,15 @@ enum class OpenCaller { Acquisition, Change };
 [[nodiscard]] QMStatus openFailureStatus(int err,
                                          OpenCaller caller = OpenCaller::Acquisition) noexcept;
 
-// open(2) through the system-call table, retried without limit on EINTR and
-// once on ESTALE. Returns the descriptor, or -1 with errno of the last try.
+// open(2) through the system-call table with close-on-exec and without
+// blocking, retried without limit on EINTR and once on ESTALE. Returns the
+// descriptor, or -1 with errno of the last try.
 [[nodiscard]] int openRetrying(const char *path, uint32_t flags, uint32_t mode) noexcept;
 
-// Sets close-on-exec on a fresh descriptor above 2. Descriptors 0 to 2 are
-// deliberately left alone: a host that runs with a standard stream closed
-// gets its file there, and must still see it in a child it execs.
-void setCloseOnExec(int fd) noexcept;
+// After a successful openRetrying of a file whose fstat is st: descriptors 0
+// to 2 lose close-on-exec again, and a file other than a regular one gets
+// back the blocking mode its opener asked for.
+void settleOpened(int fd, uint32_t flags, const struct stat &st) noexcept;
 
 // ---- file-lock failure messages -----------------------------------------------
 

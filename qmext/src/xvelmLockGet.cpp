@@ -14,6 +14,7 @@
 
 #include "xvelm.h"
 #include "xvelmLock.h"
+#include "xvelmIdentity.h"
 
 namespace {
 
@@ -35,15 +36,15 @@ struct NarrowName {
   bool present = false;  // the file exists (or stat failed for another reason than ENOENT)
 };
 
-// Dead nodes a walk unlinked, chained through their own next links (nothing
-// else reads them once they are off LockList), destroyed in chain order when
-// the acquisition is over.
+// Dead nodes taken off LockList and the name index, chained through their
+// deadNext links (nothing else reads them any more), destroyed in chain
+// order when the acquisition is over.
 class DeadNodes {
  public:
-  void add(QMELMResLockp n) {
-    n->next = nullptr;
+  void add(NodeState *n) {
+    n->deadNext = nullptr;
     if (tail_ != nullptr)
-      tail_->next = n;
+      tail_->deadNext = n;
     else
       head_ = n;
     tail_ = n;
@@ -51,18 +52,30 @@ class DeadNodes {
   void destroyAll(QMELMExtension *ext, QMJnlh jnl) noexcept;
 
  private:
-  QMELMResLockp head_ = nullptr;
-  QMELMResLockp tail_ = nullptr;
+  NodeState *head_ = nullptr;
+  NodeState *tail_ = nullptr;
 };
 
 // A dead node has no holder left (its last release made it dead), but an
 // acquirer may still be between finding it and seeing it dead: taking
-// NodeDeleteMutex exclusively waits for every such acquirer.
+// NodeDeleteMutex exclusively waits for every such acquirer. A node whose
+// descriptors still wait to be closed (another node of the process needs a
+// lock on its file) is kept by the file table, which queues it again once
+// they are closed. A node whose mutexes cannot be taken is left in the pool:
+// freeing it unlocked could pull it from under a thread that holds them.
 void destroyNode(QMELMExtension *ext, NodeState *node, QMJnlh jnl) noexcept {
   const QMLockh delMutex = node->pub.CommonLock.NodeDeleteMutex;
   const QMLockh nodeMutex = node->pub.CommonLock.NodeMutex;
   MutexGuard del(delMutex);
+  if (!del) return;
   MutexGuard nm(nodeMutex);
+  if (!nm) return;
+  if (!forgetNode(node)) return;
+  for (XVELMFileDescriptorp d = node->link.deferred; d != nullptr;) {
+    XVELMFileDescriptorp next = d->next;
+    (void)freeBlock(ext->Pool, d, jnl);
+    d = next;
+  }
   detachIORecords(ext, node, jnl);
   (void)freeBlock(ext->Pool, node->pub.ID.Filename, jnl);
   (void)freeBlock(ext->Pool, node->pub.ID.NarrowFilename, jnl);
@@ -75,8 +88,8 @@ void destroyNode(QMELMExtension *ext, NodeState *node, QMJnlh jnl) noexcept {
 
 void DeadNodes::destroyAll(QMELMExtension *ext, QMJnlh jnl) noexcept {
   while (head_ != nullptr) {
-    QMELMResLockp next = head_->next;
-    destroyNode(ext, nodeOf(head_), jnl);
+    NodeState *next = head_->deadNext;
+    destroyNode(ext, head_, jnl);
     head_ = next;
   }
   tail_ = nullptr;
@@ -92,23 +105,96 @@ bool sameName(const XVELMFileLockID &id, const char *narrow, const NarrowName &n
   return std::memcmp(id.NarrowFilename, narrow, nn.len) == 0;
 }
 
-// Walks LockList (ListMutex held): unlinks dead nodes into `dead` and returns
-// the live file node of the name, or null.
-NodeState *findNode(QMELMExtension *ext, const char *narrow, const NarrowName &nn, QMMemSize qmLen,
-                    DeadNodes &dead) {
-  QMELMResLockp n = ext->LockList;
+uint64_t nameHash(const char *narrow, QMMemSize len, QMMemSize qmLen) {
+  uint64_t h = 0xcbf29ce484222325ull ^ qmLen;  // FNV-1a over the narrow bytes
+  for (QMMemSize i = 0; i < len; ++i) h = (h ^ static_cast<unsigned char>(narrow[i])) * 0x100000001b3ull;
+  return h;
+}
+
+// ---- the name index beside LockList (ListMutex held) ---------------------------
+
+NodeState *&bucketFor(ExtensionState *es, uint64_t hash) {
+  return es->buckets[hash & (es->bucketCount - 1)];
+}
+
+void indexInsert(ExtensionState *es, NodeState *n) {
+  NodeState *&b = bucketFor(es, n->hash);
+  n->indexNext = b;
+  b = n;
+  ++es->nodeCount;
+}
+
+// Takes a node off LockList and the index; a node already off is left alone.
+void unlist(QMELMExtension *ext, NodeState *n) {
+  if (!n->listed) return;
+  n->listed = false;
+  ExtensionState *es = stateOf(ext);
+  for (NodeState **p = &bucketFor(es, n->hash); *p != nullptr; p = &(*p)->indexNext) {
+    if (*p == n) {
+      *p = n->indexNext;
+      break;
+    }
+  }
+  n->indexNext = nullptr;
+  --es->nodeCount;
+  QMELMResLock &c = n->pub.CommonLock;
+  if (c.prev != nullptr)
+    c.prev->next = c.next;
+  else
+    ext->LockList = c.next;
+  if (c.next != nullptr) c.next->prev = c.prev;
+  c.next = c.prev = nullptr;
+}
+
+// Grows the index when it holds more nodes than buckets. A pool that
+// refuses leaves the index as it is: longer chains, nothing lost.
+void indexGrow(QMELMExtension *ext, QMJnlh jnl) {
+  ExtensionState *es = stateOf(ext);
+  if (es->nodeCount < es->bucketCount) return;
+  const QMMemSize count = es->bucketCount * 4;
+  auto *fresh = static_cast<NodeState **>(
+      ext->Pool->memAlloc(ext->Pool, count * sizeof(NodeState *), QM_POOL_ZERO_FILL));
+  if (fresh == nullptr) return;
+  for (QMMemSize i = 0; i < es->bucketCount; ++i) {
+    for (NodeState *n = es->buckets[i]; n != nullptr;) {
+      NodeState *next = n->indexNext;
+      NodeState *&b = fresh[n->hash & (count - 1)];
+      n->indexNext = b;
+      b = n;
+      n = next;
+    }
+  }
+  if (es->buckets != es->inlineBuckets) (void)freeBlock(ext->Pool, es->buckets, jnl);
+  es->buckets = fresh;
+  es->bucketCount = count;
+}
+
+// Takes every node queued dead since the last acquisition off LockList and
+// the index, into `dead` (ListMutex held). No walk: the queue holds them all.
+void collectDead(QMELMExtension *ext, DeadNodes &dead) {
+  NodeState *n = __atomic_exchange_n(&stateOf(ext)->dead, static_cast<NodeState *>(nullptr),
+                                     __ATOMIC_ACQUIRE);
   while (n != nullptr) {
-    QMELMResLockp next = n->next;
-    if (isDead(n)) {
-      if (n->prev != nullptr)
-        n->prev->next = n->next;
-      else
-        ext->LockList = n->next;
-      if (n->next != nullptr) n->next->prev = n->prev;
-      dead.add(n);
-    } else if (n->ResourceType == QMELM_RESOURCE_FILE &&
-               sameName(nodeOf(n)->pub.ID, narrow, nn, qmLen)) {
-      return nodeOf(n);
+    NodeState *next = n->deadNext;
+    unlist(ext, n);
+    dead.add(n);
+    n = next;
+  }
+}
+
+// The live file node of the name, or null (ListMutex held). A node made
+// before a fork in a parent process is dropped from the index and the list
+// as it is met: the child never uses it.
+NodeState *findNode(QMELMExtension *ext, const char *narrow, const NarrowName &nn, QMMemSize qmLen,
+                    uint64_t hash) {
+  const uint32_t gen = forkGeneration();
+  for (NodeState *n = bucketFor(stateOf(ext), hash); n != nullptr;) {
+    NodeState *next = n->indexNext;
+    if (n->generation != gen) {
+      unlist(ext, n);
+    } else if (n->hash == hash && !isDead(&n->pub.CommonLock) &&
+               sameName(n->pub.ID, narrow, nn, qmLen)) {
+      return n;
     }
     n = next;
   }
@@ -123,10 +209,26 @@ NodeState *findNode(QMELMExtension *ext, const char *narrow, const NarrowName &n
   return st;
 }
 
-// The status of the host's last failed constructor on this thread.
-QMStatus hostStatus(QMHndlp hndl) {
-  const QMStatus st = hndl->lastStatus != nullptr ? hndl->lastStatus(hndl) : 0;
-  return st != 0 ? st : QMELM_E_NO_MEMORY;
+// QMELM_E_NAME_HAS_NUL (journaled with the name) when the name holds U+0000.
+QMStatus checkNoNul(const QMELMExtension *ext, const XVELMFileLockParms *parms, QMJnlh jnl) {
+  if (parms->FilenameLen == 0 || parms->Filename == nullptr) return 0;
+  bool nul = false;
+  for (QMMemSize i = 0; i < parms->FilenameLen && !nul; ++i) nul = parms->Filename[i] == 0;
+  if (!nul) return 0;
+  Message msg(ext, jnl);
+  msg.status(QMELM_E_NAME_HAS_NUL)
+      .status(QMELM_M_PATH)
+      .requireRoom(static_cast<QMStrSize>(parms->FilenameLen))
+      .text(parms->Filename, static_cast<QMStrSize>(parms->FilenameLen))
+      .status(QMELM_M_TRAILER);
+  (void)msg.journal();
+  return QMELM_E_NAME_HAS_NUL;
+}
+
+// A host constructor returned null. Its own status is not part of the host
+// table every host offers, so the failure is reported as a lack of memory.
+QMStatus hostStatus(QMHndlp) {
+  return QMELM_E_NO_MEMORY;
 }
 
 class Acquisition {
@@ -172,6 +274,7 @@ class Acquisition {
   PoolPtr<XVELMFileHandle> fileHandle_;
   PoolPtr<char> narrow_;
   NarrowName nn_;
+  uint64_t hash_ = 0;  // of the narrow name, for the index
 };
 
 QMStatus Acquisition::allocateHandle(QMMemSize resType, QMMemSize lockType) noexcept {
@@ -303,18 +406,34 @@ QMStatus Acquisition::acquireOnNew(std::optional<MutexGuard> &list) noexcept {
   f.ID.DeviceNum = nn_.device;
   f.FileSize = nn_.size;
 
+  n->owner = ext_;
+  n->generation = forkGeneration();
+  n->hash = hash_;
+  n->listed = true;
+
   f.CommonLock.next = ext_->LockList;
   if (ext_->LockList != nullptr) ext_->LockList->prev = &f.CommonLock;
   ext_->LockList = &f.CommonLock;
+  indexInsert(stateOf(ext_), n);
+  indexGrow(ext_, jnl_);
 
   MutexGuard nm(f.CommonLock.NodeMutex);
+  if (!nm) {
+    // Nobody can have entered a node whose mutex we could not take.
+    markDead(&f.CommonLock);
+    queueDeadNode(n);
+    return fail(nm.status());
+  }
   if (nn_.present) list.reset();
   lock()->Private.ResLock = &f.CommonLock;
   const QMStatus st = acquireOn(lock(), parms_, jnl_);
   // A node whose first acquisition failed stays on the list, dead, for the
-  // next walk to remove: freeing it here could pull it from under an
+  // next acquisition to remove: freeing it here could pull it from under an
   // acquirer that found it meanwhile.
-  if (st != 0) markDead(&f.CommonLock);
+  if (st != 0) {
+    markDead(&f.CommonLock);
+    queueDeadNode(n);
+  }
   return st;
 }
 
@@ -337,13 +456,18 @@ QMStatus Acquisition::run(QMMemSize resType, QMMemSize lockType, DeadNodes &dead
   if (const QMStatus st = makeNarrowName(pipe, own, target); st != 0) return st;
   statName();
 
+  hash_ = nameHash(narrow_.get(), nn_.len, parms_->FilenameLen);
   std::optional<MutexGuard> list(std::in_place, ext_->ListMutex);
   for (;;) {
-    NodeState *node = findNode(ext_, narrow_.get(), nn_, parms_->FilenameLen, dead);
+    if (!*list) return fail(list->status());
+    collectDead(ext_, dead);
+    NodeState *node = findNode(ext_, narrow_.get(), nn_, parms_->FilenameLen, hash_);
     if (node == nullptr) return acquireOnNew(list);
     MutexGuard del(node->pub.CommonLock.NodeDeleteMutex, LockMode::Shared);
+    if (!del) return fail(del.status());
     list.reset();
     MutexGuard nm(node->pub.CommonLock.NodeMutex);
+    if (!nm) return fail(nm.status());
     if (!isDead(&node->pub.CommonLock)) return acquireOnExisting(node);
     // Its last holder left while we waited: start again.
     nm.unlock();
@@ -357,6 +481,12 @@ QMStatus Acquisition::run(QMMemSize resType, QMMemSize lockType, DeadNodes &dead
 QMELMLHndlp xvelmLockGet(QMELMExtensionp extHndl, QMMemPtr lockParms, QMMemSize resType,
                          QMMemSize lockType, QMJnlh jnl, int *qmrc) noexcept {
   jnl = chooseJournal(extHndl, jnl);
+  // Without a place for the status the request cannot be answered: it is
+  // refused (and journaled) before anything is done.
+  if (qmrc == nullptr) {
+    journalStatus(jnl, QMELM_E_NULL_PARMS);
+    return nullptr;
+  }
   *qmrc = 0;
   // The resource type is checked before the caller's out fields are touched:
   // for another resource type they need not even be a file's parameters.
@@ -366,6 +496,10 @@ QMELMLHndlp xvelmLockGet(QMELMExtensionp extHndl, QMMemPtr lockParms, QMMemSize 
     return nullptr;
   }
   auto *parms = static_cast<XVELMFileLockParms *>(lockParms);
+  if (parms == nullptr) {
+    *qmrc = journaled(jnl, QMELM_E_NULL_PARMS);
+    return nullptr;
+  }
   parms->Errno = 0;
   parms->LockerPID = 0;
   parms->SystemID = 0;
@@ -378,6 +512,13 @@ QMELMLHndlp xvelmLockGet(QMELMExtensionp extHndl, QMMemPtr lockParms, QMMemSize 
   // A name whose byte sizes would overflow is one no pool could hold.
   if (parms->FilenameLen > kMaxNameChars) {
     *qmrc = journaled(jnl, QMELM_E_NO_MEMORY);
+    return nullptr;
+  }
+  // The system cuts a name short at its first NUL: "dir/victim<NUL>/../x"
+  // would open, create or delete dir/victim. Such a name is refused before
+  // anything is done with it.
+  if (const QMStatus st = checkNoNul(extHndl, parms, jnl); st != 0) {
+    *qmrc = st;
     return nullptr;
   }
 

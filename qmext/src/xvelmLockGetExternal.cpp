@@ -47,10 +47,17 @@ QMStatus openFailureStatus(int err, OpenCaller caller) noexcept {
   }
 }
 
+// The descriptor is opened with close-on-exec set by open itself: set
+// afterwards, another thread's fork and exec in between would hand the file
+// (and a way to drop our record lock) to another program. It is opened
+// without blocking too: no request may wait for another party, and open(2)
+// of a FIFO waits for its other end (a FIFO opened for writing without a
+// reader fails at once with ENXIO instead).
 int openRetrying(const char *path, uint32_t flags, uint32_t mode) noexcept {
+  const int how = static_cast<int>(flags) | O_CLOEXEC | O_NONBLOCK;
   int stale = 0;
   for (;;) {
-    const int fd = sys().open(path, static_cast<int>(flags), static_cast<mode_t>(mode));
+    const int fd = sys().open(path, how, static_cast<mode_t>(mode));
     if (fd >= 0) return fd;
     if (errno == EINTR) continue;                  // interrupted: as often as it takes
     if (errno == ESTALE && ++stale < 2) continue;  // a stale handle once: the server may recover
@@ -58,9 +65,16 @@ int openRetrying(const char *path, uint32_t flags, uint32_t mode) noexcept {
   }
 }
 
-void setCloseOnExec(int fd) noexcept {
-  if (fd > 2)
-    (void)sys().fcntl(fd, F_SETFD, reinterpret_cast<void *>(static_cast<intptr_t>(FD_CLOEXEC)));
+void settleOpened(int fd, uint32_t flags, const struct stat &st) noexcept {
+  // Descriptors 0 to 2 are deliberately left without close-on-exec: a host
+  // that runs with a standard stream closed gets its file there, and must
+  // still see it in a child it execs.
+  if (fd <= 2) (void)sys().fcntl(fd, F_SETFD, nullptr);
+  // O_NONBLOCK changes nothing for a regular file; any other file gets the
+  // blocking behaviour its opener asked for back.
+  if (!S_ISREG(st.st_mode) && !(flags & O_NONBLOCK))
+    (void)sys().fcntl(fd, F_SETFL,
+                      reinterpret_cast<void *>(static_cast<intptr_t>(flags & ~uint32_t{O_NONBLOCK})));
 }
 
 bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl, const FailureText &t,
@@ -147,6 +161,10 @@ struct External {
   [[nodiscard]] QMStatus countExternal(XVELMFileDescriptorp d) const;
   [[nodiscard]] QMStatus takeRecordLock(XVELMFileDescriptorp d) const;
   [[nodiscard]] QMStatus refused(XVELMFileDescriptorp d, struct flock &req, int err) const;
+  [[nodiscard]] QMStatus analyseRefusal(int fd, struct flock &req, int err) const;
+  [[nodiscard]] QMStatus replacedUnderName(int fd, const struct stat &st, bool described) const;
+
+  mutable int reported_ = 0;  // the errno a refusal's message carries
 };
 
 // A parked descriptor opened with exactly the same flags (the creation mode
@@ -189,21 +207,52 @@ QMStatus External::openFresh(XVELMFileDescriptorp *out, double *openTime) const 
   if (fd < 0) return openFailed(rec, errno);
 
   *openTime = qmzdttmeOf(ext->Common.hndl);
-  setCloseOnExec(fd);
+  // The descriptor must be the node's file: a file renamed over the name, or
+  // made anew under it after an unlink, is not the file the node's holders
+  // (and the process's record lock) are on. A descriptor fstat cannot
+  // describe is treated the same way.
+  struct stat st {};
+  const bool described = sys().fstat(fd, &st) == 0;
+  settleOpened(fd, parms->OpenFlags, st);
+  Identity id = Identity::Other;
+  if (described) {
+    TableLock t;
+    id = recordFile(t, node->link, st);
+  }
+  if (id == Identity::Other) {
+    (void)freeBlock(ext->Pool, rec, jnl);
+    return replacedUnderName(fd, st, described);
+  }
   rec->fd = fd;
   pushDescriptor(file().OpenFileDescriptorList, rec);
   if (parms->OpenFlags & O_CREAT) {
     // Every create resets the size, also when the file existed and is not
-    // truncated: the holder is told to treat it as new. fstat's result is
-    // deliberately not tested (a failure leaves the identity zero).
-    struct stat st {};
-    (void)sys().fstat(fd, &st);
+    // truncated: the holder is told to treat it as new.
     file().ID.InodeNum = st.st_ino;
     file().ID.DeviceNum = st.st_dev;
     file().FileSize = 0;
   }
   *out = rec;
   return 0;
+}
+
+// A new descriptor is not of the node's file: refused as a record lock lost
+// to a rename is, and the descriptor is closed unless the process holds a
+// lock on the file it did open (closing it would drop that lock).
+QMStatus External::replacedUnderName(int fd, const struct stat &st, bool described) const {
+  (void)journalFileLockFailure(ext, jnl,
+                               text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
+                               Rendering::Unchecked);
+  struct flock req {};
+  const QMStatus status = analyseRefusal(fd, req, EAGAIN);
+  {
+    TableLock t;
+    if (described)
+      closeStray(t, fd, st);
+    else
+      (void)sys().close(fd);
+  }
+  return fail(status, nullptr);
 }
 
 // An open failed with err: report it, give the record back and leave.
@@ -256,18 +305,19 @@ QMStatus External::countExternal(XVELMFileDescriptorp d) const {
 
 QMStatus External::takeRecordLock(XVELMFileDescriptorp d) const {
   struct flock req {};  // whole file: SEEK_SET, start 0, length 0
-  if (R & QMELM_EXT_EXCLUSIVE)
-    req.l_type = F_WRLCK;
-  else if (R & QMELM_EXT_NONEXCLUSIVE)
-    req.l_type = F_RDLCK;
-  const int rc = sys().fcntl(d->fd, F_SETLK, &req);  // never waits
+  int rc = 0, err = 0;
+  {
+    // The process's lock on the file is the strongest its nodes need: the
+    // table sends F_WRLCK or F_RDLCK only when that changes (never waiting).
+    TableLock t;
+    rc = setNeed(t, node->link, (R & QMELM_EXT_EXCLUSIVE) ? Need::Write : Need::Read, d->fd, req);
+    err = errno;
+  }
   if (rc == 0) {
-    // The lock is on the file we opened; make sure the name still leads to
-    // it, or a file renamed over ours between open and lock goes unlocked.
-    struct stat byFd {
-    }, byName{};
-    if (sys().fstat(d->fd, &byFd) == 0 && sys().stat(file().ID.NarrowFilename, &byName) == 0 &&
-        byFd.st_dev == byName.st_dev && byFd.st_ino == byName.st_ino) {
+    // The lock is on the node's file; make sure the name still leads to it,
+    // or a file renamed over ours between open and lock goes unlocked.
+    struct stat byName {};
+    if (sys().stat(file().ID.NarrowFilename, &byName) == 0 && isNodeFile(node->link, byName)) {
       grantRecordLock(node, R);
       return 0;
     }
@@ -278,11 +328,6 @@ QMStatus External::takeRecordLock(XVELMFileDescriptorp d) const {
                                  Rendering::Unchecked);
     return refused(d, req, EAGAIN);
   }
-  if (rc > 0) {  // not a documented result; taken as success, unverified
-    grantRecordLock(node, R);
-    return 0;
-  }
-  const int err = errno;
   if (err == EOPNOTSUPP || err == EROFS || err == EINVAL) {
     // A file system without record locks: the lock is granted deliberately,
     // since nothing else could ever be.
@@ -292,14 +337,15 @@ QMStatus External::takeRecordLock(XVELMFileDescriptorp d) const {
   return refused(d, req, err);
 }
 
-// The record lock was refused (or lost to a rename, err EAGAIN): find out who
-// holds the file, report it, take back the external count and leave.
-QMStatus External::refused(XVELMFileDescriptorp d, struct flock &req, int err) const {
+// Asks who holds the file that a refused request (errno err, or EAGAIN for a
+// file lost to a rename) wanted, fills the caller's Errno and LockerPID, and
+// returns the refusal's status.
+QMStatus External::analyseRefusal(int fd, struct flock &req, int err) const {
   req.l_type = F_WRLCK;
-  int reported = 0;
   QMStatus st = QMELM_E_EXT_LOCK_FAILED;
-  if (sys().fcntl(d->fd, F_GETLK, &req) != -1) {
-    reported = err;
+  reported_ = 0;
+  if (sys().fcntl(fd, F_GETLK, &req) != -1) {
+    reported_ = err;
     parms->Errno = err;
     if (req.l_type == F_RDLCK && (R & QMELM_EXT_EXCLUSIVE))
       st = QMELM_E_EXT_LOCKED_SHARED;
@@ -310,7 +356,13 @@ QMStatus External::refused(XVELMFileDescriptorp d, struct flock &req, int err) c
   }
   parms->LockerPID = req.l_pid;
   parms->SystemID = 0;  // struct flock has no system id here
+  return st;
+}
 
+// The record lock was refused (or lost to a rename, err EAGAIN): find out who
+// holds the file, report it, take back the external count and leave.
+QMStatus External::refused(XVELMFileDescriptorp d, struct flock &req, int err) const {
+  const QMStatus st = analyseRefusal(d->fd, req, err);
   if (R & kNoExternalLock)
     --res().noexternal_lock;
   else if (R & QMELM_EXT_EXCLUSIVE)
@@ -318,7 +370,7 @@ QMStatus External::refused(XVELMFileDescriptorp d, struct flock &req, int err) c
   else
     --res().ext_nonexclusive;
 
-  (void)journalFileLockFailure(ext, jnl, text(st, MessageTail::Errno, reported),
+  (void)journalFileLockFailure(ext, jnl, text(st, MessageTail::Errno, reported_),
                                Rendering::Unchecked);
   return fail(st, d);
 }

@@ -6,6 +6,7 @@
  * _EXT_LOCK_FAILED, _CLOSE_FAILED, _UNLINK_FAILED or a pool status.
  */
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -60,8 +61,14 @@ bool uncountExternal(QMELMResLock &n, QMMemSize R) {
   const QMMemSize R = h->Common.Private.LockType;
   struct flock req {};
   const int fd = h->FDP != nullptr ? h->FDP->fd : -1;
-  if (sys().fcntl(fd, F_SETLK, &req) == 0 || errno == EOPNOTSUPP || errno == EROFS ||
-      errno == EINVAL) {
+  int rc = 0;
+  {
+    // Another node of the file may still need the write lock: the table
+    // then sends nothing.
+    TableLock t;
+    rc = setNeed(t, node->link, Need::Read, fd, req);
+  }
+  if (rc == 0 || errno == EOPNOTSUPP || errno == EROFS || errno == EINVAL) {
     // The node takes the leaving holder's type, as it always has.
     grantRecordLock(node, R);
     return 0;
@@ -80,6 +87,18 @@ bool uncountExternal(QMELMResLock &n, QMMemSize R) {
   return (R & QMELM_OPT_CONTINUE) ? 0 : QMELM_E_EXT_LOCK_FAILED;
 }
 
+// Deletes the node's name when it still names the node's file; false when
+// it names another file, nothing, or unlink fails. (A node that never had a
+// descriptor goes by the identity its name had when the node was made.)
+bool unlinkIfNodeFile(const NodeState *node) {
+  const XVELMFileLock &f = node->pub;
+  struct stat st {};
+  if (sys().stat(f.ID.NarrowFilename, &st) != 0) return false;
+  const bool ours = node->link.known ? isNodeFile(node->link, st)
+                                     : st.st_ino == f.ID.InodeNum && st.st_dev == f.ID.DeviceNum;
+  return ours && sys().unlink(f.ID.NarrowFilename) == 0;
+}
+
 }  // namespace
 
 int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
@@ -88,16 +107,26 @@ int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept 
   // release (or a pointer never handed out) is told apart without touching
   // memory that may already be freed.
   if (!unregisterHandle(lock)) return journaled(chooseJournal(nullptr, jnl), QMELM_E_DEAD_NODE);
+  // A handle made before this process was forked: the child holds no lock
+  // through it, and its node (whose mutexes a thread of the parent may have
+  // held at the fork) is never touched here. The handle is not freed.
+  NodeState *node = nodeOf(lock);
+  if (node->generation != forkGeneration())
+    return journaled(chooseJournal(fileHandleOf(lock)->ExtensionHndl, jnl), QMELM_E_FORKED_HANDLE);
 
+  XVELMFileLock &f = node->pub;
   XVELMLHndl *h = fileHandleOf(lock);
   QMELMExtension *ext = h->ExtensionHndl;
   jnl = chooseJournal(ext, jnl);
   auto *parms = static_cast<XVELMFileLockParms *>(lockParms);
-  NodeState *node = nodeOf(lock);
-  QMELMResLock &n = node->pub.CommonLock;
+  QMELMResLock &n = f.CommonLock;
   QMStatus result = 0;
   {
     MutexGuard nm(n.NodeMutex);
+    if (!nm) {
+      registerHandle(handleBlockOf(lock));  // still the caller's, untouched
+      return journaled(jnl, nm.status());
+    }
     // The handle's type is read under the node's mutex, like every change of it.
     const QMMemSize R = lock->Private.LockType;
     if (isDead(&n)) {
@@ -124,6 +153,7 @@ int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept 
     if (n.ext_nonexclusive + n.ext_exclusive + n.noexternal_lock == 0) {
       result = xvelmCloseFile(lock, lockParms, jnl);
       markDead(&n);
+      queueDeadNode(node);
     } else if (!exclusiveLeft) {
       result = 0;
     } else if (n.ext_nonexclusive != 0 && n.ext_exclusive == 0) {
@@ -155,27 +185,40 @@ int xvelmCloseFile(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
   messageName(parms, node, &t.name, &t.nameLen);
 
   // Closing the first descriptor drops the process's record lock on the
-  // file; only parked descriptors are closed (no holder uses them).
+  // file; only parked descriptors are closed (no holder uses them), and only
+  // when no other node of the process needs a lock on the file: otherwise
+  // the file table keeps them open until the file's last need goes.
   QMStatus result = 0;
-  for (XVELMFileDescriptorp d = f.ClosedFileDescriptorList; d != nullptr;) {
-    XVELMFileDescriptorp next = d->next;
-    const bool closed = sys().close(d->fd) == 0;
-    const int err = errno;
-    // The result is that of the last record closed, deliberately: an
-    // earlier failure has been journaled and is not carried along.
-    result = freeBlock(ext->Pool, d, jnl);
-    if (!closed) {
-      result = QMELM_E_CLOSE_FAILED;
-      t.head = QMELM_E_CLOSE_FAILED;
-      t.tail = MessageTail::Errno;
-      t.err = err;
-      (void)journalFileLockFailure(ext, jnl, t, Rendering::Checked);
+  {
+    TableLock table;
+    const int anyFd = f.ClosedFileDescriptorList != nullptr ? f.ClosedFileDescriptorList->fd : -1;
+    if (!releaseNeed(table, node->link, anyFd)) {
+      deferRecords(table, node->link, f.ClosedFileDescriptorList);
+      f.ClosedFileDescriptorList = nullptr;
     }
-    d = next;
+    for (XVELMFileDescriptorp d = f.ClosedFileDescriptorList; d != nullptr;) {
+      XVELMFileDescriptorp next = d->next;
+      const bool closed = sys().close(d->fd) == 0;
+      const int err = errno;
+      // The result is that of the last record closed, deliberately: an
+      // earlier failure has been journaled and is not carried along.
+      result = freeBlock(ext->Pool, d, jnl);
+      if (!closed) {
+        result = QMELM_E_CLOSE_FAILED;
+        t.head = QMELM_E_CLOSE_FAILED;
+        t.tail = MessageTail::Errno;
+        t.err = err;
+        (void)journalFileLockFailure(ext, jnl, t, Rendering::Checked);
+      }
+      d = next;
+    }
+    f.ClosedFileDescriptorList = nullptr;
+    closedAll(table, node->link);
   }
-  f.ClosedFileDescriptorList = nullptr;
 
-  if (f.DeleteOnClose && sys().unlink(f.ID.NarrowFilename) != 0) {
+  // Only while the name still names the node's file: a file that replaced
+  // it under the name (and that another process may hold) is not deleted.
+  if (f.DeleteOnClose && !unlinkIfNodeFile(node)) {
     result = QMELM_E_UNLINK_FAILED;
     // The end piece twice and no errno: the message as users know it.
     t.head = QMELM_E_UNLINK_FAILED;

@@ -57,6 +57,7 @@ Governing governingEntry(const QMELMExtension *ext, const QMChar *f, QMStrSize f
 }  // namespace
 
 int xvelmMatchOption(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh jnl) noexcept {
+  if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   parms->option = QMELM_Unknown;
   parms->fullpath = nullptr;
   parms->matchpath = nullptr;
@@ -83,6 +84,7 @@ int xvelmMatchOption(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh j
   parms->fullpath = full.release();
 
   MutexGuard guard(ext->OptionMutex);
+  if (!guard) return journaled(jnl, guard.status());
   const Governing g = governingEntry(ext, f, flen);
   parms->option = g.option;
   PoolPtr<QMChar> match = copyText(ext->Pool, g.key, g.keyLen);

@@ -11,7 +11,7 @@ namespace xvelm::detail {
 QMJnlh chooseJournal(const QMELMExtension *ext, QMJnlh jnl) noexcept {
   if (jnl != nullptr) return jnl;
   if (std::getenv("QMELM_DEBUG_VERBOSE_ERRORS") == nullptr) return nullptr;
-  QMHndlp h = ext != nullptr ? ext->Common.hndl : __atomic_load_n(&qmp_hndl, __ATOMIC_ACQUIRE);
+  QMHndlp h = ext != nullptr ? ext->Common.hndl : qmpLiveHost();
   return h != nullptr ? h->qmjnl : nullptr;
 }
 

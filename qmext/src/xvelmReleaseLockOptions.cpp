@@ -10,7 +10,7 @@ using namespace xvelm::detail;
 int xvelmReleaseLockOptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms, QMJnlh jnl) noexcept {
   // The array GetLockOptions hands out for an empty table is refused here as
   // well, and so stays in the pool until it goes: intentional.
-  if (parms->optionTable == nullptr || parms->NumOptions == 0) {
+  if (parms == nullptr || parms->optionTable == nullptr || parms->NumOptions == 0) {
     journalStatus(jnl, QMELM_E_NO_OPTIONS);
     return QMELM_E_NO_OPTIONS;
   }

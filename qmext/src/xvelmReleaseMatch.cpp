@@ -8,6 +8,7 @@
 using namespace xvelm::detail;
 
 int xvelmReleaseMatch(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh jnl) noexcept {
+  if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   QMPoolh pool = ext->Pool;
   const QMStatus s1 = parms->fullpath != nullptr ? pool->memFree(pool, parms->fullpath) : 0;
   const QMStatus s2 = parms->matchpath != nullptr ? pool->memFree(pool, parms->matchpath) : 0;

@@ -13,17 +13,18 @@ using namespace xvelm::detail;
 namespace {
 
 // Whether a reset of full path f (flen) removes the entry e: the entry itself
-// (also when the request adds a trailing slash), or any entry below it (also
-// when the request names the directory with its trailing slash). The
-// root entry survives every reset but that of "/".
+// (also when the request adds a trailing slash), or any entry below it, that
+// is whose path continues with "/" right after the request's. A request with
+// a trailing slash ("/x/") therefore removes "/x" but not "/x/y/z" (whose
+// character after "/x/" is "y"). The root entry survives every reset but
+// that of "/".
 bool resetRemoves(const QMChar *f, QMStrSize flen, const QMELM_LOCK_OPTION_S *e) {
   const QMChar *r = e->fullpath;
   const QMStrSize rlen = e->fullpathlen;
   if (isRootKey(r, rlen) && flen > 1) return false;
   if (flen == rlen) return sameText(f, r, flen);
   if (flen == rlen + 1) return f[flen - 1] == '/' && sameText(f, r, rlen);
-  // Below the requested directory, whether or not the request ends in "/".
-  if (flen < rlen) return (r[flen] == '/' || f[flen - 1] == '/') && sameText(f, r, flen);
+  if (flen < rlen) return r[flen] == '/' && sameText(f, r, flen);
   return false;
 }
 
@@ -84,6 +85,7 @@ int xvelmRemoveOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jn
   bool empty = false;
   {
     MutexGuard guard(ext->OptionMutex);
+    if (!guard) return journaled(jnl, guard.status());
     removed = removeEntries(ext, full.data(), full.size(), jnl, &result);
     empty = ext->NumOptions == 0;
   }

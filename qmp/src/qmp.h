@@ -14,6 +14,11 @@ QM_EXTERN_C_BEGIN
    loaded this copy of the extension). */
 extern QMHndlp qmp_hndl;
 
+/* The remembered host handle while an extension object of that host is
+   alive, else null: a host that loaded this copy and then went away (or
+   never made an object) is never followed. */
+QMHndlp qmpLiveHost(void) QM_NOEXCEPT;
+
 QM_EXPORT QMStatus qmextent(QMHndlp hndl) QM_NOEXCEPT;
 QM_EXPORT QMStatus qmextver(QMHndlp hndl, int *major, int *minor) QM_NOEXCEPT;
 

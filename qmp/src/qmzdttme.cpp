@@ -10,5 +10,5 @@ double qmzdttmeOf(QMHndlp hndl) noexcept {
 }
 
 double qmzdttme(void) noexcept {
-  return qmzdttmeOf(__atomic_load_n(&qmp_hndl, __ATOMIC_ACQUIRE));
+  return qmzdttmeOf(qmpLiveHost());
 }

@@ -1,0 +1,346 @@
+/*
+ * xvelmIdentity - the process-wide file table (see xvelmIdentity.h), the
+ * registry of live extension objects and the fork handlers. The table's
+ * buckets are static and its links live in the nodes, so recording a file
+ * allocates nothing and cannot fail. Takes the table mutex (a leaf after
+ * NodeMutex) and the registry mutex (taken alone, or first by the fork
+ * handlers).
+ */
+#include "xvelmIdentity.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "xvelmLock.h"
+
+namespace xvelm::detail {
+namespace {
+
+constexpr std::size_t kBuckets = 16384;
+
+pthread_mutex_t tableMutex = PTHREAD_MUTEX_INITIALIZER;
+FileLink *table[kBuckets];
+uint32_t generation = 1;  // bumped in the child of a fork
+
+pthread_mutex_t registryMutex = PTHREAD_MUTEX_INITIALIZER;
+ExtensionState *registry = nullptr;
+pthread_once_t forkHandlersOnce = PTHREAD_ONCE_INIT;
+
+std::size_t bucketOf(dev_t dev, ino_t ino) {
+  uint64_t v = static_cast<uint64_t>(ino) * 0x9E3779B97F4A7C15ull ^ static_cast<uint64_t>(dev);
+  v ^= v >> 29;
+  return static_cast<std::size_t>(v % kBuckets);
+}
+
+bool sameFile(const FileLink &l, dev_t dev, ino_t ino) {
+  return l.dev == dev && l.ino == ino;
+}
+
+// The strongest need of the file's nodes, the given link left out.
+Need othersNeed(const FileLink &self) {
+  Need n = Need::None;
+  for (const FileLink *l = table[bucketOf(self.dev, self.ino)]; l != nullptr; l = l->next)
+    if (l != &self && sameFile(*l, self.dev, self.ino) && l->need > n) n = l->need;
+  return n;
+}
+
+Need fileNeed(dev_t dev, ino_t ino) {
+  Need n = Need::None;
+  for (const FileLink *l = table[bucketOf(dev, ino)]; l != nullptr; l = l->next)
+    if (sameFile(*l, dev, ino) && l->need > n) n = l->need;
+  return n;
+}
+
+short lockTypeOf(Need n) {
+  switch (n) {
+    case Need::Write:
+      return F_WRLCK;
+    case Need::Read:
+      return F_RDLCK;
+    case Need::None:
+      break;
+  }
+  return F_UNLCK;
+}
+
+bool noRecordLocksHere(int err) {
+  return err == EOPNOTSUPP || err == EROFS || err == EINVAL;
+}
+
+NodeState *nodeOfLink(FileLink *l) {
+  return reinterpret_cast<NodeState *>(reinterpret_cast<char *>(l) - offsetof(NodeState, link));
+}
+
+void attach(FileLink &l) {
+  FileLink *&head = table[bucketOf(l.dev, l.ino)];
+  l.next = head;
+  head = &l;
+  l.attached = true;
+}
+
+void detach(FileLink &l) {
+  for (FileLink **p = &table[bucketOf(l.dev, l.ino)]; *p != nullptr; p = &(*p)->next) {
+    if (*p == &l) {
+      *p = l.next;
+      break;
+    }
+  }
+  l.next = nullptr;
+  l.attached = false;
+}
+
+bool hasOpenDeferred(const FileLink &l) {
+  for (XVELMFileDescriptorp d = l.deferred; d != nullptr; d = d->next)
+    if (d->fd >= 0) return true;
+  return false;
+}
+
+// No node needs a lock on the file any more: the closes that waited for
+// this are made, and nodes left waiting for them go back to their
+// extensions to be destroyed.
+void drain(dev_t dev, ino_t ino) {
+  for (FileLink *l = table[bucketOf(dev, ino)]; l != nullptr; l = l->next) {
+    if (!sameFile(*l, dev, ino)) continue;
+    for (XVELMFileDescriptorp d = l->deferred; d != nullptr; d = d->next) {
+      if (d->fd >= 0) (void)sys().close(d->fd);
+      d->fd = -1;
+    }
+    if (l->waiting) {
+      l->waiting = false;
+      queueDeadNode(nodeOfLink(l));
+    }
+  }
+}
+
+// Sends the process's lock on the file down (or up) to `to` through fd.
+int sendLock(int fd, Need to, struct flock &req) {
+  req.l_type = lockTypeOf(to);
+  req.l_whence = SEEK_SET;
+  req.l_start = 0;
+  req.l_len = 0;
+  return sys().fcntl(fd, F_SETLK, &req);
+}
+
+// ---- fork --------------------------------------------------------------------
+
+// Before fork(): every live extension's mutexes (in the lock order), then
+// the file table, so that no thread holds one of them while the process is
+// copied.
+void prepareFork() {
+  pthread_mutex_lock(&registryMutex);
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
+    (void)e->pub.ListMutex->get(e->pub.ListMutex, 1, 1);
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
+    if (e->pub.IOInfoMutex != nullptr) (void)e->pub.IOInfoMutex->get(e->pub.IOInfoMutex, 1, 1);
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
+    (void)e->pub.OptionMutex->get(e->pub.OptionMutex, 1, 1);
+  pthread_mutex_lock(&tableMutex);
+}
+
+void releaseAfterFork() {
+  pthread_mutex_unlock(&tableMutex);
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
+    (void)e->pub.OptionMutex->release(e->pub.OptionMutex);
+    if (e->pub.IOInfoMutex != nullptr) (void)e->pub.IOInfoMutex->release(e->pub.IOInfoMutex);
+    (void)e->pub.ListMutex->release(e->pub.ListMutex);
+  }
+  pthread_mutex_unlock(&registryMutex);
+}
+
+// The child holds no record lock (they are not inherited): its table starts
+// empty, and the nodes made before the fork (their mutexes may be held by
+// threads that do not exist here) are never touched again.
+void childAfterFork() {
+  for (FileLink *&b : table) b = nullptr;
+  __atomic_store_n(&generation, generation + 1, __ATOMIC_RELEASE);
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
+    __atomic_store_n(&e->dead, static_cast<NodeState *>(nullptr), __ATOMIC_RELEASE);
+  resetHandleSetAfterFork();
+  releaseAfterFork();
+}
+
+void installForkHandlers() {
+  (void)pthread_atfork(prepareFork, releaseAfterFork, childAfterFork);
+}
+
+}  // namespace
+
+uint32_t forkGeneration() noexcept {
+  return __atomic_load_n(&generation, __ATOMIC_ACQUIRE);
+}
+
+TableLock::TableLock() noexcept {
+  pthread_mutex_lock(&tableMutex);
+}
+TableLock::~TableLock() {
+  pthread_mutex_unlock(&tableMutex);
+}
+
+Identity recordFile(TableLock &, FileLink &l, const struct stat &st) noexcept {
+  if (l.attached) return sameFile(l, st.st_dev, st.st_ino) ? Identity::Same : Identity::Other;
+  l.dev = st.st_dev;
+  l.ino = st.st_ino;
+  l.known = true;
+  attach(l);
+  return Identity::Recorded;
+}
+
+bool isNodeFile(const FileLink &l, const struct stat &st) noexcept {
+  return l.known && sameFile(l, st.st_dev, st.st_ino);
+}
+
+int setNeed(TableLock &, FileLink &l, Need want, int fd, struct flock &req) noexcept {
+  const Need others = othersNeed(l);
+  const Need before = l.need > others ? l.need : others;
+  const Need after = want > others ? want : others;
+  req.l_type = lockTypeOf(after);
+  if (after != before) {
+    if (sendLock(fd, after, req) != 0) {
+      const int err = errno;
+      if (noRecordLocksHere(err)) l.need = want;
+      errno = err;
+      return -1;
+    }
+  }
+  l.need = want;
+  if (after == Need::None) drain(l.dev, l.ino);
+  return 0;
+}
+
+bool releaseNeed(TableLock &, FileLink &l, int fd) noexcept {
+  if (!l.attached) {
+    l.need = Need::None;
+    return true;
+  }
+  const Need others = othersNeed(l);
+  const Need before = l.need > others ? l.need : others;
+  l.need = Need::None;
+  if (others == Need::None) return true;
+  if (before != others && fd >= 0) {
+    struct flock req {};
+    (void)sendLock(fd, others, req);  // giving a lock down is never refused
+  }
+  return false;
+}
+
+void deferRecords(TableLock &, FileLink &l, XVELMFileDescriptorp list) noexcept {
+  while (list != nullptr) {
+    XVELMFileDescriptorp next = list->next;
+    pushDescriptor(l.deferred, list);
+    list = next;
+  }
+}
+
+void closedAll(TableLock &, FileLink &l) noexcept {
+  if (!l.attached) return;
+  drain(l.dev, l.ino);
+  if (l.deferred == nullptr) detach(l);
+}
+
+void closeStray(TableLock &, int fd, const struct stat &st) noexcept {
+  if (fileNeed(st.st_dev, st.st_ino) == Need::None) (void)sys().close(fd);
+}
+
+bool forgetNode(NodeState *node) noexcept {
+  FileLink &l = node->link;
+  if (node->generation != forkGeneration()) return true;  // never in this process's table
+  TableLock t;
+  if (!l.attached) return true;
+  if (hasOpenDeferred(l)) {
+    l.waiting = true;
+    return false;
+  }
+  detach(l);
+  return true;
+}
+
+void forgetExtension(const QMELMExtension *ext) noexcept {
+  TableLock t;
+  // First every node of ext gives up its need, remembering what the process
+  // holds; then each file is sent down to what the other objects' nodes
+  // need, and the descriptors are closed where nothing needs a lock.
+  auto ours = [ext](const FileLink *l) { return nodeOfLink(const_cast<FileLink *>(l))->owner == ext; };
+  for (std::size_t b = 0; b < kBuckets; ++b) {
+    for (FileLink *l = table[b]; l != nullptr;) {
+      FileLink *next = l->next;
+      if (!ours(l)) {
+        l = next;
+        continue;
+      }
+      NodeState *node = nodeOfLink(l);
+      XVELMFileLock &f = node->pub;
+      // What the process holds on the file, and what the other objects need.
+      Need held = Need::None, others = Need::None;
+      for (const FileLink *o = table[b]; o != nullptr; o = o->next) {
+        if (!sameFile(*o, l->dev, l->ino)) continue;
+        if (o->need > held) held = o->need;
+        if (!ours(o) && o->need > others) others = o->need;
+      }
+      int anyFd = -1;
+      for (XVELMFileDescriptorp lists[] = {f.OpenFileDescriptorList, f.ClosedFileDescriptorList,
+                                           l->deferred};
+           XVELMFileDescriptorp d : lists)
+        for (; d != nullptr && anyFd < 0; d = d->next) anyFd = d->fd;
+      if (held != others && anyFd >= 0) {
+        struct flock req {};
+        (void)sendLock(anyFd, others, req);
+      }
+      for (FileLink *o = table[b]; o != nullptr; o = o->next)
+        if (sameFile(*o, l->dev, l->ino) && ours(o)) o->need = Need::None;
+      if (others == Need::None) {
+        for (XVELMFileDescriptorp lists[] = {f.OpenFileDescriptorList,
+                                             f.ClosedFileDescriptorList, l->deferred};
+             XVELMFileDescriptorp d : lists)
+          for (; d != nullptr; d = d->next)
+            if (d->fd >= 0) (void)sys().close(d->fd), d->fd = -1;
+        drain(l->dev, l->ino);
+      }
+      detach(*l);
+      l = next;
+    }
+  }
+}
+
+// ---- registry ------------------------------------------------------------------
+
+void registerExtension(QMELMExtension *ext) noexcept {
+  (void)pthread_once(&forkHandlersOnce, installForkHandlers);
+  ExtensionState *e = stateOf(ext);
+  pthread_mutex_lock(&registryMutex);
+  e->regPrev = nullptr;
+  e->regNext = registry;
+  if (registry != nullptr) registry->regPrev = e;
+  registry = e;
+  pthread_mutex_unlock(&registryMutex);
+}
+
+void unregisterExtension(QMELMExtension *ext) noexcept {
+  ExtensionState *e = stateOf(ext);
+  pthread_mutex_lock(&registryMutex);
+  if (e->regPrev != nullptr)
+    e->regPrev->regNext = e->regNext;
+  else if (registry == e)
+    registry = e->regNext;
+  if (e->regNext != nullptr) e->regNext->regPrev = e->regPrev;
+  e->regNext = e->regPrev = nullptr;
+  pthread_mutex_unlock(&registryMutex);
+}
+
+bool hostIsLive(QMHndlp hndl) noexcept {
+  if (hndl == nullptr) return false;
+  pthread_mutex_lock(&registryMutex);
+  bool live = false;
+  for (const ExtensionState *e = registry; e != nullptr && !live; e = e->regNext)
+    live = e->pub.Common.hndl == hndl;
+  pthread_mutex_unlock(&registryMutex);
+  return live;
+}
+
+}  // namespace xvelm::detail
+
+QMHndlp qmpLiveHost(void) noexcept {
+  QMHndlp h = __atomic_load_n(&qmp_hndl, __ATOMIC_ACQUIRE);
+  return xvelm::detail::hostIsLive(h) ? h : nullptr;
+}
