@@ -13,6 +13,7 @@
 
 #include "qmelm.h"
 #include "qmhost/qmhost.h"
+#include "qmversion.h"
 
 namespace {
 
@@ -163,11 +164,25 @@ int demo() {
   return 0;
 }
 
+// Prints the build's version stamp (qmlock --version).
+int printVersion() {
+  QMVersionRecord v;
+  if (qmzversion(&v) != 0) return 1;
+  std::printf("qmlock (%s) %s\n", v.product, v.buildVersion);
+  std::printf("  lock manager interface %s, requires host interface %s\n", v.interfaceVersion,
+              v.requiredInterface);
+  std::printf("  source revision %s\n  compiler %s\n  build type %s\n  Unicode %s\n",
+              v.sourceRevision, v.compiler, v.buildType, v.unicodeVersion);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc > 1 && (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "-V") == 0))
+    return printVersion();
   if (argc > 1 && std::strcmp(argv[1], "demo") != 0) {
-    std::fprintf(stderr, "usage: qmlock [demo]\n");
+    std::fprintf(stderr, "usage: qmlock [demo | --version | -V]\n");
     return 2;
   }
   return demo();
