@@ -4,7 +4,9 @@
 
 #include "qmelm.h"
 #include "qmhost/qmhost.h"
+#include "qmhostcm.h"
 #include "qmioe.h"
+#include "qmversion.h"
 
 #define SLOT(name, i) _Static_assert(offsetof(QMELMFunctions, name) == (i) * sizeof(void *), #name)
 SLOT(LockGet, 0);
@@ -32,6 +34,8 @@ _Static_assert(offsetof(XVELMFileLock, CommonLock) == 0, "XVELMFileLock begins w
 _Static_assert(offsetof(QMELMExtension, Common) == 0, "header first");
 _Static_assert(sizeof(QMChar) == 4, "QMChar is UTF-32");
 _Static_assert(sizeof(QMStatus) == 4, "32-bit status");
+_Static_assert(offsetof(QMVersionRecord, product) == 8, "version record: texts after the header");
+_Static_assert(sizeof(((QMVersionRecord *)0)->compiler) == 64, "version record: compiler text");
 
 /* A C caller can name every entry. */
 int qmtest_c_header_check(void) {
@@ -39,4 +43,14 @@ int qmtest_c_header_check(void) {
   f.LockGet = qmelmlockget;
   f.Emergency = qmelmemergency;
   return f.ResourceRegister == NULL ? 0 : 1;
+}
+
+/* A C caller can name the character utilities and the version stamp. */
+int qmtest_c_hostcm_check(void) {
+  QMVersionRecord v;
+  QMChar name[8];
+  QMStrSize n = 0;
+  if (qmzversion(&v) != 0) return 1;
+  if (Compiler2QMChar("qm", 2, name, 8, &n) != 0) return 1;
+  return qmzsCompareNorm(name, n, name, n) && qmnlsisalpha(name[0]) ? 0 : 1;
 }
