@@ -126,27 +126,37 @@ int sendLock(int fd, Need to, struct flock &req) {
 // ---- fork --------------------------------------------------------------------
 
 // Before fork(): every live extension's mutexes (in the lock order), then
-// the file table, so that no thread holds one of them while the process is
-// copied.
+// the file table, so that no thread is half-way through changing what they
+// guard while the process is copied.
 void prepareFork() {
   pthread_mutex_lock(&registryMutex);
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
     (void)e->pub.ListMutex->get(e->pub.ListMutex, 1, 1);
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
-    if (e->pub.IOInfoMutex != nullptr) (void)e->pub.IOInfoMutex->get(e->pub.IOInfoMutex, 1, 1);
+    (void)e->pub.IOInfoMutex->get(e->pub.IOInfoMutex, 1, 1);
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
     (void)e->pub.OptionMutex->get(e->pub.OptionMutex, 1, 1);
   pthread_mutex_lock(&tableMutex);
 }
 
-void releaseAfterFork() {
+void parentAfterFork() {
   pthread_mutex_unlock(&tableMutex);
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
     (void)e->pub.OptionMutex->release(e->pub.OptionMutex);
-    if (e->pub.IOInfoMutex != nullptr) (void)e->pub.IOInfoMutex->release(e->pub.IOInfoMutex);
+    (void)e->pub.IOInfoMutex->release(e->pub.IOInfoMutex);
     (void)e->pub.ListMutex->release(e->pub.ListMutex);
   }
   pthread_mutex_unlock(&registryMutex);
+}
+
+// A mutex the forking thread holds cannot be given back in the child (it
+// has another thread id there, and a reader-writer lock may also remember
+// writers of the parent that wait for it): the child gets a new one and
+// the old one is left to the host. When the host cannot make one, the old
+// one stays, held: the object then refuses work instead of running unlocked.
+void renew(QMHndlp hndl, QMLockh &m, const char *name) {
+  static constexpr QMLockCreateParms kParms{};
+  if (QMLockh fresh = hndl->lockCreate(hndl, &kParms, nullptr, name)) m = fresh;
 }
 
 // The child holds no record lock (they are not inherited): its table starts
@@ -155,14 +165,20 @@ void releaseAfterFork() {
 void childAfterFork() {
   for (FileLink *&b : table) b = nullptr;
   __atomic_store_n(&generation, generation + 1, __ATOMIC_RELEASE);
-  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
-    __atomic_store_n(&e->dead, static_cast<NodeState *>(nullptr), __ATOMIC_RELEASE);
   resetHandleSetAfterFork();
-  releaseAfterFork();
+  pthread_mutex_init(&tableMutex, nullptr);
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
+    __atomic_store_n(&e->dead, static_cast<NodeState *>(nullptr), __ATOMIC_RELEASE);
+    QMHndlp h = e->pub.Common.hndl;
+    renew(h, e->pub.ListMutex, "QMELM Lock Mutex");
+    renew(h, e->pub.IOInfoMutex, "QMELM IO Info Mutex");
+    renew(h, e->pub.OptionMutex, "QMELM Option Mutex");
+  }
+  pthread_mutex_init(&registryMutex, nullptr);
 }
 
 void installForkHandlers() {
-  (void)pthread_atfork(prepareFork, releaseAfterFork, childAfterFork);
+  (void)pthread_atfork(prepareFork, parentAfterFork, childAfterFork);
 }
 
 }  // namespace
@@ -235,8 +251,8 @@ void deferRecords(TableLock &, FileLink &l, XVELMFileDescriptorp list) noexcept 
 
 void closedAll(TableLock &, FileLink &l) noexcept {
   if (!l.attached) return;
-  drain(l.dev, l.ino);
-  if (l.deferred == nullptr) detach(l);
+  if (fileNeed(l.dev, l.ino) == Need::None) drain(l.dev, l.ino);
+  if (!hasOpenDeferred(l)) detach(l);
 }
 
 void closeStray(TableLock &, int fd, const struct stat &st) noexcept {

@@ -4,7 +4,11 @@
  * injection, and destruction of everything the host still owns. The host
  * object is a C++ object whose first member is the QMHndl table.
  */
+#include <pthread.h>
 #include <time.h>
+
+#include <mutex>
+#include <vector>
 
 #include "host_internal.h"
 
@@ -50,6 +54,69 @@ QMStatus hostDestroy(void *object) noexcept {
 
 void setLastStatus(Host *host, QMStatus status) noexcept {
   tLastStatus = {host->serial, status};
+}
+
+// ---- fork() -------------------------------------------------------------------
+//
+// A child of a fork has only the thread that forked; a host mutex another
+// thread held at that moment would stay held in the child for ever. Before
+// the fork every host's internal mutexes are taken, in the order the host
+// itself takes them (extensions, registries, then the pools' shards and the
+// journals), and given back in both processes afterwards. (The mutexes the
+// host lends out, QMLockh, are their users' business.)
+namespace {
+
+std::mutex allHostsMutex;  // guards allHosts
+std::vector<Host *> allHosts;
+std::once_flag forkHandlersOnce;
+
+void forkPrepare() {
+  allHostsMutex.lock();
+  for (Host *h : allHosts) {
+    h->extMutex.lock();
+    h->pools.lockAll();
+    h->locks.lockAll();
+    h->journals.lockAll();
+    h->pipelines.lockAll();
+    h->pools.forEachLocked([](const Pool &p) {
+      for (const PoolShard &sh : p.shards) sh.m.lock();
+    });
+    h->journals.forEachLocked([](Journal &j) { j.m.lock(); });
+  }
+}
+
+void forkRelease() {
+  for (auto it = allHosts.rbegin(); it != allHosts.rend(); ++it) {
+    Host *h = *it;
+    h->journals.forEachLocked([](Journal &j) { j.m.unlock(); });
+    h->pools.forEachLocked([](const Pool &p) {
+      for (const PoolShard &sh : p.shards) sh.m.unlock();
+    });
+    h->pipelines.unlockAll();
+    h->journals.unlockAll();
+    h->locks.unlockAll();
+    h->pools.unlockAll();
+    h->extMutex.unlock();
+  }
+  allHostsMutex.unlock();
+}
+
+}  // namespace
+
+void rememberHost(Host *h) {
+  std::call_once(forkHandlersOnce, [] { (void)pthread_atfork(forkPrepare, forkRelease, forkRelease); });
+  std::lock_guard<std::mutex> g(allHostsMutex);
+  allHosts.push_back(h);  // may throw bad_alloc: the caller's try handles it
+}
+
+void forgetHost(Host *h) noexcept {
+  std::lock_guard<std::mutex> g(allHostsMutex);
+  for (auto it = allHosts.begin(); it != allHosts.end(); ++it) {
+    if (*it == h) {
+      allHosts.erase(it);
+      break;
+    }
+  }
 }
 
 }  // namespace qmhost
@@ -103,6 +170,7 @@ QM_EXPORT QMHndlp qmhost_create(const QMHostConfig *cfg) noexcept {
     pub.qmjnl =
         qmhost::makeJournal(host.get(), cfg->default_journal, cfg->default_journal_path, &st);
     if (pub.qmjnl == nullptr) return nullptr;
+    qmhost::rememberHost(host.get());
     return &host.release()->pub;
   } catch (const std::bad_alloc &) {
     return nullptr;
@@ -114,6 +182,7 @@ QM_EXPORT QMHndlp qmhost_create(const QMHostConfig *cfg) noexcept {
 QM_EXPORT void qmhost_destroy(QMHndlp h) noexcept {
   if (h == nullptr) return;
   std::unique_ptr<Host> host(qmhost::hostOf(h));
+  qmhost::forgetHost(host.get());
   qmhost::destroyAllExtensions(host.get());
   host->pipelines.clear();
   host->journals.clear();

@@ -114,6 +114,19 @@ class Registry {
       for (const auto &entry : sh.live) f(*entry.second);
     }
   }
+  // fork() support: every shard's mutex taken (in order) and given back, and
+  // a walk of the objects while they are taken.
+  void lockAll() const noexcept {
+    for (const Shard &sh : shards_) sh.m.lock();
+  }
+  void unlockAll() const noexcept {
+    for (auto it = shards_.rbegin(); it != shards_.rend(); ++it) it->m.unlock();
+  }
+  template <class F>
+  void forEachLocked(F &&f) const {
+    for (const Shard &sh : shards_)
+      for (const auto &entry : sh.live) f(*entry.second);
+  }
   // Destroys every object still live (outside the registry's mutexes).
   void clear() noexcept {
     for (Shard &sh : shards_) {
@@ -296,6 +309,11 @@ struct Host {
   std::map<uint64_t, ExtRecord> exts;  // load sequence -> extension
   uint64_t extSeq = 0;                 // next load sequence
 };
+
+// fork() support: every live host is known, so that a fork never copies one
+// of its internal mutexes held by another thread.
+void rememberHost(Host *h);
+void forgetHost(Host *h) noexcept;
 
 // A public table is the first member of its object.
 inline Host *hostOf(QMHndlp h) {
