@@ -12,6 +12,7 @@
 #include <cerrno>
 
 #include "xvelm.h"
+#include "xvelmHolders.h"
 #include "xvelmLock.h"
 
 // Record locks belong to the process, not to a descriptor: the one F_SETLK
@@ -107,7 +108,6 @@ namespace {
 
 using namespace xvelm::detail;
 
-constexpr QMMemSize kNoExternalLock = QMELM_NOEXTERNAL_LOCK | QMELM_OPT_NONE;
 // The errno a rewind or identity failure reports, whatever the system said:
 // the file is to be treated as busy (EAGAIN).
 constexpr int kBusyErrno = 11;
@@ -129,18 +129,6 @@ struct External {
                        err};
   }
 
-  // Takes back everything the internal arbitration counted for this handle.
-  void uncountInternal() const {
-    if (R & QMELM_NOINTERNAL_LOCK)
-      --res().nointernal_lock;
-    else if (R & QMELM_INT_EXCLUSIVE)
-      --res().int_exclusive;
-    else {
-      --res().int_nonexclusive;
-      if (!(R & QMELM_SHARED)) --res().int_nonshared_nonexclusive;
-    }
-  }
-
   // The common failure exit: park the handle's descriptor (a refusal leaves
   // it open for the next holder), close the node's file when no holder has a
   // descriptor left, and undo the internal count. The node's type is not
@@ -151,7 +139,7 @@ struct External {
       pushDescriptor(file().ClosedFileDescriptorList, parked);
     }
     if (file().OpenFileDescriptorList == nullptr) (void)xvelmCloseFile(lock, parms, jnl);
-    uncountInternal();
+    uncountInternal(res(), R, NodeTypeAfter::Unchanged);
     return st;
   }
 
@@ -280,7 +268,7 @@ QMStatus External::openFailed(XVELMFileDescriptorp rec, int err) const {
 // between threads is the internal lock's business).
 QMStatus External::countExternal(XVELMFileDescriptorp d) const {
   QMELMResLock &n = res();
-  if (R & kNoExternalLock) {
+  if (R & kNoExternalAtAcquisition) {
     ++n.noexternal_lock;
     if (n.LockType == 0) n.LockType = R;
     return 0;
@@ -363,12 +351,7 @@ QMStatus External::analyseRefusal(int fd, struct flock &req, int err) const {
 // holds the file, report it, take back the external count and leave.
 QMStatus External::refused(XVELMFileDescriptorp d, struct flock &req, int err) const {
   const QMStatus st = analyseRefusal(d->fd, req, err);
-  if (R & kNoExternalLock)
-    --res().noexternal_lock;
-  else if (R & QMELM_EXT_EXCLUSIVE)
-    --res().ext_exclusive;
-  else
-    --res().ext_nonexclusive;
+  (void)uncountExternal(res(), R, ExternalRule::Acquisition);
 
   (void)journalFileLockFailure(ext, jnl, text(st, MessageTail::Errno, reported_),
                                Rendering::Unchecked);

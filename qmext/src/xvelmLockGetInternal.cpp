@@ -7,6 +7,7 @@
  * QMELM_E_INT_LOCKED_SHARED; a refusal changes no counter.
  */
 #include "xvelm.h"
+#include "xvelmHolders.h"
 #include "xvelmLock.h"
 
 namespace {
@@ -31,28 +32,6 @@ bool mixesSharing(QMMemSize N, QMMemSize R) {
   return false;
 }
 
-// The refusal's status, decided on the counters alone; 0 after counting the
-// holder in.
-[[nodiscard]] QMStatus countHolder(QMELMResLock &n, QMMemSize R) {
-  const bool shared = (R & QMELM_SHARED) != 0;
-  if (R & QMELM_INT_EXCLUSIVE) {
-    if (n.int_exclusive != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
-    if (n.int_nonexclusive > 0 && !shared) return QMELM_E_INT_LOCKED_SHARED;
-    ++n.int_exclusive;
-    return 0;
-  }
-  if (n.int_exclusive == 0) {
-    ++n.int_nonexclusive;
-    if (!shared) ++n.int_nonshared_nonexclusive;
-    return 0;
-  }
-  if (shared) {
-    ++n.int_nonexclusive;
-    return 0;
-  }
-  return QMELM_E_INT_LOCKED_EXCLUSIVE;
-}
-
 }  // namespace
 
 int xvelmLockGetInternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
@@ -60,17 +39,14 @@ int xvelmLockGetInternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexc
   const QMMemSize R = lock->Private.LockType;
   const QMMemSize N = node.LockType;
 
-  // A holder without an internal lock is only counted, whatever the node holds.
-  if (R & QMELM_NOINTERNAL_LOCK) {
-    ++node.nointernal_lock;
-    return 0;
-  }
-
+  // A holder without an internal lock is only counted, whatever the node
+  // holds: the sharing test is not made for it.
   QMStatus st = 0;
-  if (N != 0 && !(N & QMELM_NOINTERNAL_LOCK) && mixesSharing(N, R))
+  if (!(R & QMELM_NOINTERNAL_LOCK) && N != 0 && !(N & QMELM_NOINTERNAL_LOCK) &&
+      mixesSharing(N, R))
     st = QMELM_E_INT_SHARE_CONFLICT;
   else
-    st = countHolder(node, R);
+    st = countInternal(node, R);
   if (st == 0) return 0;
 
   const auto *parms = static_cast<const XVELMFileLockParms *>(lockParms);

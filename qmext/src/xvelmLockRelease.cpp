@@ -12,45 +12,12 @@
 #include <cerrno>
 
 #include "xvelm.h"
+#include "xvelmHolders.h"
 #include "xvelmLock.h"
 
 namespace {
 
 using namespace xvelm::detail;
-
-// Takes the handle's internal count out of the node. When the last
-// non-shared non-exclusive holder leaves others behind, those are all shared
-// ones, and the node's type says so again.
-void uncountInternal(QMELMResLock &n, QMMemSize R) {
-  if (R & QMELM_NOINTERNAL_LOCK) {
-    --n.nointernal_lock;
-  } else if (R & QMELM_INT_EXCLUSIVE) {
-    --n.int_exclusive;
-  } else {
-    --n.int_nonexclusive;
-    if (!(R & QMELM_SHARED)) --n.int_nonshared_nonexclusive;
-    if (n.int_nonshared_nonexclusive == 0 && n.int_nonexclusive != 0) n.LockType |= QMELM_SHARED;
-  }
-}
-
-// Takes the handle's external count out; true when an exclusive external
-// holder left. Deliberately only "no external lock" decides the counter
-// here, not option None as at acquisition: a holder with option None is
-// taken out of the counter of its external bit. Each release still takes
-// exactly one from the three counters together, so their sum stays the
-// number of holders and the node dies with its last one.
-bool uncountExternal(QMELMResLock &n, QMMemSize R) {
-  if (R & QMELM_NOEXTERNAL_LOCK) {
-    --n.noexternal_lock;
-    return false;
-  }
-  if (R & QMELM_EXT_EXCLUSIVE) {
-    --n.ext_exclusive;
-    return true;
-  }
-  --n.ext_nonexclusive;
-  return false;
-}
 
 // The last exclusive external holder left non-exclusive ones behind: turn
 // the process's write lock into a read lock (l_type 0 is F_RDLCK here; the
@@ -138,8 +105,8 @@ int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept 
       return journaled(jnl, QMELM_E_DEAD_NODE);
     }
 
-    uncountInternal(n, R);
-    const bool exclusiveLeft = uncountExternal(n, R);
+    uncountInternal(n, R, NodeTypeAfter::SharedWhenOnlySharedRemain);
+    const bool exclusiveLeft = uncountExternal(n, R, ExternalRule::Release);
     if (parms != nullptr)
       node->pub.DeleteOnClose = (parms->Flags & QMELM_FLAG_DELETE_ON_CLOSE) ? 1 : 0;
 
@@ -150,18 +117,22 @@ int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept 
       pushDescriptor(node->pub.ClosedFileDescriptorList, h->FDP);
     }
 
-    if (n.ext_nonexclusive + n.ext_exclusive + n.noexternal_lock == 0) {
-      result = xvelmCloseFile(lock, lockParms, jnl);
-      markDead(&n);
-      queueDeadNode(node);
-    } else if (!exclusiveLeft) {
-      result = 0;
-    } else if (n.ext_nonexclusive != 0 && n.ext_exclusive == 0) {
-      result = downgrade(h, node, parms, jnl);
-    } else {
-      // Other exclusive holders remain: the record lock stays as it is, and
-      // the node takes the leaving holder's type, as it always has.
-      grantRecordLock(node, R);
+    switch (releaseStep(n, exclusiveLeft)) {
+      case ReleaseStep::CloseFile:
+        result = xvelmCloseFile(lock, lockParms, jnl);
+        markDead(&n);
+        queueDeadNode(node);
+        break;
+      case ReleaseStep::Nothing:
+        break;
+      case ReleaseStep::Downgrade:
+        result = downgrade(h, node, parms, jnl);
+        break;
+      case ReleaseStep::Keep:
+        // The record lock stays as it is, and the node takes the leaving
+        // holder's type, as it always has.
+        grantRecordLock(node, R);
+        break;
     }
 
     if (ext->Common.hndl->iobytecount > QMIO_ByteCount_None) {

@@ -1,0 +1,130 @@
+/*
+ * xvelmHolders.h - holder accounting of a node, in one place for lock
+ * acquisition, release and change: counting and un-counting internal and
+ * external holders, and the record-lock decision that follows a release.
+ * Every function expects the node's NodeMutex held (or works on copies).
+ *
+ * The deliberate asymmetry, stated once: at acquisition a holder takes no
+ * external lock when its type has 0x020 or 0x080 (option None), and is
+ * counted in noexternal_lock; at release only 0x020 is tested, so a holder
+ * with option None is taken out of the counter of its external bit. Each
+ * release still takes exactly one from the three external counters, so
+ * their sum stays the number of holders and the node dies with its last.
+ */
+#ifndef XVELM_HOLDERS_H
+#define XVELM_HOLDERS_H
+
+#include "xvelmIdentity.h"
+
+namespace xvelm::detail {
+
+inline constexpr QMMemSize kNoExternalAtAcquisition = QMELM_NOEXTERNAL_LOCK | QMELM_OPT_NONE;
+
+// The internal counters of a node, or copies of them being recounted.
+struct InternalCounts {
+  QMMemSize exclusive;     // int_exclusive (X)
+  QMMemSize nonexclusive;  // int_nonexclusive (S)
+  uint32_t nonshared;      // int_nonshared_nonexclusive (U)
+
+  static InternalCounts of(const QMELMResLock &n) {
+    return {n.int_exclusive, n.int_nonexclusive, n.int_nonshared_nonexclusive};
+  }
+  void storeIn(QMELMResLock &n) const {
+    n.int_exclusive = exclusive;
+    n.int_nonexclusive = nonexclusive;
+    n.int_nonshared_nonexclusive = nonshared;
+  }
+};
+
+// Counts a holder of internal type R in, or returns the refusal decided on
+// the counters alone (a holder without an internal lock is only counted).
+[[nodiscard]] inline QMStatus countInternal(QMELMResLock &n, QMMemSize R) {
+  if (R & QMELM_NOINTERNAL_LOCK) {
+    ++n.nointernal_lock;
+    return 0;
+  }
+  const bool shared = (R & QMELM_SHARED) != 0;
+  if (R & QMELM_INT_EXCLUSIVE) {
+    if (n.int_exclusive != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
+    if (n.int_nonexclusive > 0 && !shared) return QMELM_E_INT_LOCKED_SHARED;
+    ++n.int_exclusive;
+    return 0;
+  }
+  if (n.int_exclusive == 0) {
+    ++n.int_nonexclusive;
+    if (!shared) ++n.int_nonshared_nonexclusive;
+    return 0;
+  }
+  if (shared) {
+    ++n.int_nonexclusive;
+    return 0;
+  }
+  return QMELM_E_INT_LOCKED_EXCLUSIVE;
+}
+
+// What un-counting an internal holder does to the node's type: a release
+// that leaves only shared non-exclusive holders says so again in the type
+// (0x040); the undo of a failed acquisition leaves the type alone.
+enum class NodeTypeAfter { Unchanged, SharedWhenOnlySharedRemain };
+
+inline void uncountInternal(QMELMResLock &n, QMMemSize R, NodeTypeAfter after) {
+  if (R & QMELM_NOINTERNAL_LOCK) {
+    --n.nointernal_lock;
+  } else if (R & QMELM_INT_EXCLUSIVE) {
+    --n.int_exclusive;
+  } else {
+    --n.int_nonexclusive;
+    if (!(R & QMELM_SHARED)) --n.int_nonshared_nonexclusive;
+    if (after == NodeTypeAfter::SharedWhenOnlySharedRemain && n.int_nonshared_nonexclusive == 0 &&
+        n.int_nonexclusive != 0)
+      n.LockType |= QMELM_SHARED;
+  }
+}
+
+// Which bits decide that a holder took no external lock.
+enum class ExternalRule {
+  Acquisition,  // 0x020 or 0x080
+  Release,      // 0x020 alone (see above)
+};
+
+// Takes a holder of type R out of the external counters; true when an
+// exclusive external holder left.
+inline bool uncountExternal(QMELMResLock &n, QMMemSize R, ExternalRule rule) {
+  const QMMemSize none = rule == ExternalRule::Release ? QMMemSize{QMELM_NOEXTERNAL_LOCK}
+                                                       : kNoExternalAtAcquisition;
+  if (R & none) {
+    --n.noexternal_lock;
+    return false;
+  }
+  if (R & QMELM_EXT_EXCLUSIVE) {
+    --n.ext_exclusive;
+    return true;
+  }
+  --n.ext_nonexclusive;
+  return false;
+}
+
+// What a release does about the record lock once the holder is out.
+enum class ReleaseStep {
+  CloseFile,  // the node's last holder: close its descriptors, the node dies
+  Nothing,    // no exclusive external holder left
+  Downgrade,  // the last exclusive one left non-exclusive ones: read lock
+  Keep,       // other exclusive holders remain
+};
+
+inline ReleaseStep releaseStep(const QMELMResLock &n, bool exclusiveLeft) {
+  if (n.ext_nonexclusive + n.ext_exclusive + n.noexternal_lock == 0) return ReleaseStep::CloseFile;
+  if (!exclusiveLeft) return ReleaseStep::Nothing;
+  if (n.ext_nonexclusive != 0 && n.ext_exclusive == 0) return ReleaseStep::Downgrade;
+  return ReleaseStep::Keep;
+}
+
+// What the node's external holders need of the process's record lock.
+inline Need needOf(QMMemSize extExclusive, QMMemSize extNonexclusive) {
+  if (extExclusive != 0) return Need::Write;
+  return extNonexclusive != 0 ? Need::Read : Need::None;
+}
+
+}  // namespace xvelm::detail
+
+#endif  // XVELM_HOLDERS_H
