@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fuzz/hostcm_reference.h"
@@ -27,39 +28,25 @@ std::string H(QMChar c) {
 TEST(QmhostcmChar, SimpleMappingsAndClassesOfChosenCharacters) {
   // c, lower, upper, fold, classes (a d s u l p c x: alpha digit space upper
   // lower print cntrl punct)
-  struct Row {
-    QMChar c, lo, up, fold;
-    const char *cls;
-  } rows[] = {
-      {U'A', U'a', U'A', U'a', "aup"},
-      {0x00C9, 0x00E9, 0x00C9, 0x00E9, "aup"},
-      {0x0130, 0x0069, 0x0130, 0x0130, "aup"},
-      {0x0131, 0x0131, 0x0049, 0x0131, "alp"},
-      {0x03A3, 0x03C3, 0x03A3, 0x03C3, "aup"},
-      {0x03C2, 0x03C2, 0x03A3, 0x03C3, "alp"},
-      {0x1E9E, 0x00DF, 0x1E9E, 0x00DF, "aup"},
-      {0x00DF, 0x00DF, 0x00DF, 0x00DF, "alp"},
-      {0x01C5, 0x01C6, 0x01C4, 0x01C6, "ap"},
-      {0x1F80, 0x1F80, 0x1F88, 0x1F80, "alp"},
-      {0x212A, 0x006B, 0x212A, 0x006B, "aup"},
-      {0x13A0, 0xAB70, 0x13A0, 0x13A0, "aup"},
-      {0x10400, 0x10428, 0x10400, 0x10428, "aup"},
-      {0x00AA, 0x00AA, 0x00AA, 0x00AA, "alp"},
-      {U'7', U'7', U'7', U'7', "dp"},
-      {0x0663, 0x0663, 0x0663, 0x0663, "dp"},
-      {0x00A0, 0x00A0, 0x00A0, 0x00A0, "sp"},
-      {0x2028, 0x2028, 0x2028, 0x2028, "s"},
-      {0x0085, 0x0085, 0x0085, 0x0085, "sc"},
-      {U'$', U'$', U'$', U'$', "px"},
-      {0x200D, 0x200D, 0x200D, 0x200D, ""},
-      {0xE000, 0xE000, 0xE000, 0xE000, ""},
-      {0x0378, 0x0378, 0x0378, 0x0378, ""},
-      {0, 0, 0, 0, "c"},
-      {0xD800, 0xD800, 0xD800, 0xD800, ""},
-      {0x10FFFF, 0x10FFFF, 0x10FFFF, 0x10FFFF, ""},
+  // clang-format off
+  struct Row { QMChar c, lo, up, fold; const char *cls; } rows[] = {
+      {U'A', U'a', U'A', U'a', "aup"},               {0x00C9, 0x00E9, 0x00C9, 0x00E9, "aup"},
+      {0x0130, 0x0069, 0x0130, 0x0130, "aup"},       {0x0131, 0x0131, 0x0049, 0x0131, "alp"},
+      {0x03A3, 0x03C3, 0x03A3, 0x03C3, "aup"},       {0x03C2, 0x03C2, 0x03A3, 0x03C3, "alp"},
+      {0x1E9E, 0x00DF, 0x1E9E, 0x00DF, "aup"},       {0x00DF, 0x00DF, 0x00DF, 0x00DF, "alp"},
+      {0x01C5, 0x01C6, 0x01C4, 0x01C6, "ap"},        {0x1F80, 0x1F80, 0x1F88, 0x1F80, "alp"},
+      {0x212A, 0x006B, 0x212A, 0x006B, "aup"},       {0x13A0, 0xAB70, 0x13A0, 0x13A0, "aup"},
+      {0x10400, 0x10428, 0x10400, 0x10428, "aup"},   {0x00AA, 0x00AA, 0x00AA, 0x00AA, "alp"},
+      {U'7', U'7', U'7', U'7', "dp"},                {0x0663, 0x0663, 0x0663, 0x0663, "dp"},
+      {0x00A0, 0x00A0, 0x00A0, 0x00A0, "sp"},        {0x2028, 0x2028, 0x2028, 0x2028, "s"},
+      {0x0085, 0x0085, 0x0085, 0x0085, "sc"},        {U'$', U'$', U'$', U'$', "px"},
+      {0x200D, 0x200D, 0x200D, 0x200D, ""},          {0xE000, 0xE000, 0xE000, 0xE000, ""},
+      {0x0378, 0x0378, 0x0378, 0x0378, ""},          {0, 0, 0, 0, "c"},
+      {0xD800, 0xD800, 0xD800, 0xD800, ""},          {0x10FFFF, 0x10FFFF, 0x10FFFF, 0x10FFFF, ""},
       {0x110000, 0x110000, 0x110000, 0x110000, ""},
       {0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, ""},
   };
+  // clang-format on
   for (const Row &r : rows) {
     SCOPED_TRACE(H(r.c));
     EXPECT_EQ(H(qmnlstolower(r.c)), H(r.lo));
@@ -389,17 +376,37 @@ TEST(QmhostcmVersion, StampAgreesWithTheLockManager) {
 
   qmtest::TestHost host;
   ASSERT_NE(host.ext, nullptr);
-  int a = 0, b = 0, c = 0;
-  host.ext->Common.getReqVersion(&host.ext->Common, &a, &b, &c);
-  EXPECT_EQ(std::string(v.requiredInterface),
-            std::to_string(a) + "." + std::to_string(b) + "." + std::to_string(c));
-  host.ext->Common.getVersion(&host.ext->Common, &a, &b, &c);
-  EXPECT_EQ(std::string(v.interfaceVersion),
-            std::to_string(a) + "." + std::to_string(b) + "." + std::to_string(c));
+  auto dotted = [&](QMStatus (*get)(QMExtensionh, int *, int *, int *)) {
+    int a = 0, b = 0, c = 0;
+    get(&host.ext->Common, &a, &b, &c);
+    return std::to_string(a) + "." + std::to_string(b) + "." + std::to_string(c);
+  };
+  EXPECT_EQ(v.requiredInterface, dotted(host.ext->Common.getReqVersion));
+  EXPECT_EQ(v.interfaceVersion, dotted(host.ext->Common.getVersion));
   const std::string rev = v.sourceRevision;
   EXPECT_TRUE(rev == "unknown" || rev.find_first_not_of("0123456789abcdef") == std::string::npos)
       << rev;
   EXPECT_STATUS(QM_E_BAD_ARGUMENT, qmzversion(nullptr));
+}
+
+// The utilities keep no state: threads that map, classify and stamp at once
+// agree with a single thread (ThreadSanitizer watches this in CI).
+TEST(QmhostcmThreads, ConcurrentCallersAgree) {
+  Text all(0x30000);
+  for (QMChar c = 0; c < all.size(); ++c) all[c] = c;
+  Text want = all;
+  ASSERT_EQ(qmzstup(want.data(), L(want)), 0);
+  std::vector<int> ok(4, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      Text mine = all;
+      QMVersionRecord v;
+      ok[t] = qmzstup(mine.data(), L(mine)) == 0 && mine == want && qmzversion(&v) == 0 &&
+              qmzsCompareNorm(all.data(), L(all), all.data(), L(all)) == 1;
+    });
+  for (std::thread &th : threads) th.join();
+  EXPECT_EQ(ok, std::vector<int>(4, 1));
 }
 
 }  // namespace
