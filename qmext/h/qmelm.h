@@ -176,51 +176,73 @@ typedef struct QMELM_RESET_IO_INFO_PARMS_S {
   uint32_t pad3[2];
 } QMELMResetIOInfoParms;
 
+/* Which I/O records a query selects (in). A path counts as given when its
+   pointer is not null and its length is above 0. A file alone selects the
+   records whose name equals its full path exactly (case-sensitive); a
+   directory alone those whose name begins with its full path, as a plain
+   prefix: "/a/b" also selects "/a/bc/f" (give "/a/b/" to stop at the
+   separator). Both, or neither, select every record. Full paths are made by
+   qmioe (absolute, ".", ".." and repeated slashes resolved, no symbolic
+   links followed); record names are compared as the lock requests gave them,
+   so a record made under a relative name is never selected by path. */
 typedef struct QMELM_QUERY_IO_INFO_PARMS_S {
-  uint32_t version;      /* not examined */
-  QMBoolean lockRequest; /* true: take the mutexes while reading */
-  QMChar *matchFile;     /* select records of this file, or null */
-  QMStrSize matchFileLen;
-  QMChar *matchDir; /* select records below this directory, or null */
-  QMStrSize matchDirLen;
-  NLScei enc_pathname; /* encoding of the path, passed to qmioe */
+  uint32_t version;       /* not examined */
+  QMBoolean lockRequest;  /* non-zero: read under the list's and each record's
+                             mutex (a consistent answer); 0: read with no mutex
+                             (never waits, values may be mid-update) */
+  QMChar *matchFile;      /* the file to select, or null */
+  QMStrSize matchFileLen; /* QMChars of matchFile */
+  QMChar *matchDir;       /* the directory to select below, or null */
+  QMStrSize matchDirLen;  /* QMChars of matchDir */
+  NLScei enc_pathname;    /* encoding the path must be expressible in (qmioe); 0: the OS's */
   QMMemPtr pad1[2];
   uint64_t pad2[2];
   uint32_t pad3[2];
 } QMELMQueryIOInfoParms;
 
+/* GetIOInfo's answer (in/out): added to, never reset, so the caller zeroes it
+   first (a second query into the same block adds the same totals again). */
 typedef struct QMELM_GET_IO_INFO_PARMS_S {
-  uint32_t version;
+  uint32_t version;     /* untouched */
   QMMemSize numEntries; /* incremented per matching record */
-  QMELMIOStats totals;  /* added to per matching record */
+  QMELMIOStats totals;  /* each matching record's five counters added (modulo 2^64) */
   QMMemPtr pad1[2];
   uint64_t pad2[2];
   uint32_t pad3[2];
 } QMELMGetIOInfoParms;
 
+/* One entry of ListIOInfo's array: a copy of one record's values. */
 typedef struct QMELM_BYFILE_IO_STATS_S {
-  QMChar *filename; /* the record's own Name: valid while the record lives */
-  QMStrSize filenameLen;
-  double openTime;
-  double closeTime;
-  uint32_t openFlags;
-  QMELMIOStats totals;
+  QMChar *filename;      /* not a copy: the record's own zero-terminated name, valid
+                            while the record lives (a reset frees closed records of
+                            files no longer locked) */
+  QMStrSize filenameLen; /* QMChars of filename */
+  double openTime;       /* host datetime of the open; 0.0 for a reused descriptor */
+  double closeTime;      /* host datetime of the close; -1.0 while the file is open */
+  uint32_t openFlags;    /* open(2) flags */
+  QMELMIOStats totals;   /* the record's counters (its version untouched) */
   QMMemPtr pad1[2];
   uint64_t pad2[2];
   uint32_t pad3[2];
 } QMELMByFileIOStats;
 
+/* ListIOInfo's answer (in/out); the caller zeroes numEntries and list first. */
 typedef struct QMELM_LIST_IO_INFO_PARMS_S {
-  uint32_t version;
-  QMMemSize numEntries;     /* incremented per matching record */
-  QMELMByFileIOStats *list; /* out: array in the extension's pool */
+  uint32_t version;         /* untouched */
+  QMMemSize numEntries;     /* incremented per matching record: entries 0 to the
+                               number of matches - 1 of list are filled */
+  QMELMByFileIOStats *list; /* out: a new array in the extension's pool, one entry
+                               per record listed when the query ran (the rest
+                               zeroed); the caller's until ListIOInfoFree */
   QMMemPtr pad1[2];
   uint64_t pad2[2];
   uint32_t pad3[2];
 } QMELMListIOInfoParms;
 
+/* JnlIOInfo's parameters. */
 typedef struct QMELM_JNL_INFO_PARMS_S {
-  QMLocaleh locale; /* in/out: locale for the times; filled in when null */
+  QMLocaleh locale; /* in/out: locale the times are written in; when null, the
+                       host's default locale is stored here (the host owns it) */
   QMMemPtr pad1[2];
   uint64_t pad2[2];
   uint32_t pad3[2];
@@ -459,12 +481,55 @@ QM_EXPORT int qmelmupdateioinfo(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh jn
 /* ResetIOInfo: zeroes the records of open files and forgets closed ones; 0. */
 QM_EXPORT int qmelmresetioinfo(QMELMExtensionp ext, QMELMResetIOInfoParms *parms,
                                QMJnlh jnl) QM_NOEXCEPT;
+/*
+ * GetIOInfo: adds up the I/O records that query selects into result (see
+ * QMELMQueryIOInfoParms for the selection). With no record at all it returns
+ * 0 at once and touches nothing. A file or directory path is resolved through
+ * qmioe first. With query->lockRequest the walk holds the list's mutex and
+ * each matching record's, and so waits for updates, resets and acquisitions
+ * in progress; without it no mutex is taken and the totals may be mid-update.
+ * Any thread may call it. Returns 0; QMELM_E_NULL_PARMS (query or result
+ * null); qmioe's status when the path cannot be resolved (QM_E_UNMAPPABLE
+ * for a character enc_pathname cannot hold, QM_E_BAD_PATH, ...), with nothing
+ * added; or the status of giving the resolved path back, after the totals
+ * were added. Failures are journaled to jnl (severity 4) when given.
+ */
 QM_EXPORT int qmelmgetioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
                              QMELMGetIOInfoParms *result, QMJnlh jnl) QM_NOEXCEPT;
+/*
+ * ListIOInfo: one entry per selected I/O record, newest first, in a new
+ * array stored in result->list (the previous pointer is overwritten, not
+ * freed). The array has room for every record listed when the walk began and
+ * the matches fill it from entry 0; result->numEntries is incremented once
+ * per match. With no record at all it returns 0 and allocates nothing (list
+ * keeps its value). Selection, locking, threads and the statuses of path
+ * resolution are those of GetIOInfo; in addition QMELM_E_NO_MEMORY when the
+ * array cannot be allocated. That failure returns at once, without a message
+ * and without undoing anything: with lockRequest the list's mutex stays held
+ * by the calling thread (which must release ext->IOInfoMutex itself before
+ * any further I/O statistics call), and the resolved path stays with qmioe
+ * until the extension goes.
+ */
 QM_EXPORT int qmelmlistioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
                               QMELMListIOInfoParms *result, QMJnlh jnl) QM_NOEXCEPT;
+/* ListIOInfoFree: gives toBeFreed->list back to the extension's pool; list
+   and numEntries keep their values. A null list is nothing to free: 0.
+   Returns 0, the pool's status (QM_E_BAD_FREE for an array given back
+   twice), or QMELM_E_NULL_PARMS (journaled) for a null toBeFreed. */
 QM_EXPORT int qmelmlistioinfofree(QMELMExtensionp ext, QMELMListIOInfoParms *toBeFreed,
                                   QMJnlh jnl) QM_NOEXCEPT;
+/*
+ * JnlIOInfo: writes every I/O record to jnl at severity 2 (QMSeverityNote):
+ * QMELM_M_IOINFO_HEADER with the number of records, then per record, newest
+ * first, QMELM_M_IOINFO_FILE (name), _FLAGS (the open flags as a number and
+ * as text such as " O_RDWR | O_CREAT | "), _TIMES (open and close time in
+ * parms->locale, "File remains open" for an open file), _READS, _WRITES and
+ * _SEEKS. No mutex is taken: it runs while other threads hold the list or a
+ * record, and may show a record mid-update; records are never freed under
+ * it. Any thread may call it. Returns the status of the last journal call
+ * (0 when all went well); QMELM_E_NO_JOURNAL for a null jnl, or
+ * QMELM_E_NULL_PARMS (journaled) for null parms, with nothing written.
+ */
 QM_EXPORT int qmelmjnlioinfo(QMELMExtensionp ext, QMELMJnlIOInfoParms *parms,
                              QMJnlh jnl) QM_NOEXCEPT;
 /* Emergency: nothing to do; 0. */

@@ -69,14 +69,15 @@
   X(QMELM_E_DEAD_NODE, 0x80ffe031u,                                                             \
     "The lock handle is no longer live: its resource was released by its last holder.")         \
   X(QMELM_E_FILE_EXISTS, 0x80ffe032u, "The file already exists.")                               \
-  X(QMELM_M_IOINFO_FILE, 0x80ffe033u, "I/O record of %s")                                      \
+  X(QMELM_M_IOINFO_FILE, 0x80ffe033u, "I/O record of %s")                                       \
   X(QMELM_M_IOINFO_FLAGS, 0x80ffe034u, "  Open flags: %u =%s")                                  \
   X(QMELM_M_IOINFO_TIMES, 0x80ffe035u, "  Opened: %s. Closed: %s.")                             \
   X(QMELM_M_IOINFO_READS, 0x80ffe036u, "  Reads: %lld, bytes read: %lld.")                      \
   X(QMELM_M_IOINFO_WRITES, 0x80ffe037u, "  Writes: %lld, bytes written: %lld.")                 \
   X(QMELM_M_IOINFO_SEEKS, 0x80ffe038u, "  Seeks: %lld.")                                        \
   X(QMELM_M_IOINFO_HEADER, 0x80ffe039u, "I/O statistics report: %llu record(s).")               \
-  X(QMELM_E_NO_JOURNAL, 0x80ffe044u, "No journal was given to write the I/O statistics report to.") \
+  X(QMELM_E_NO_JOURNAL, 0x80ffe044u,                                                            \
+    "No journal was given to write the I/O statistics report to.")                              \
   X(QMELM_E_NOT_AVAILABLE, 0x80ffe040u,                                                         \
     "This operation of the lock manager is not available in this build.")                       \
   X(QMELM_E_NAME_HAS_NUL, 0x80ffe041u,                                                          \

@@ -1,7 +1,6 @@
-// Workers of operations this build does not provide yet: lock change and
-// the I/O queries and report. Each answers QMELM_E_NOT_AVAILABLE and says so
-// in the journal it was given (or, for lock change, the one verbose errors
-// choose), so a host that calls them learns it at once.
+// The worker of the operation this build does not provide yet: lock change.
+// It answers QMELM_E_NOT_AVAILABLE and says so in the journal that verbose
+// errors choose, so a host that calls it learns it at once.
 #include "xvelm.h"
 #include "xvelmDetail.h"
 
@@ -15,22 +14,4 @@ int notAvailable(QMJnlh jnl) noexcept {
 
 int xvelmLockChange(QMELMLHndlp, QMMemPtr, QMMemSize, QMJnlh jnl) noexcept {
   return notAvailable(chooseJournal(nullptr, jnl));
-}
-
-int xvelmGetIOInfo(QMELMExtensionp, QMELMQueryIOInfoParms *, QMELMGetIOInfoParms *,
-                   QMJnlh jnl) noexcept {
-  return notAvailable(jnl);
-}
-
-int xvelmListIOInfo(QMELMExtensionp, QMELMQueryIOInfoParms *, QMELMListIOInfoParms *,
-                    QMJnlh jnl) noexcept {
-  return notAvailable(jnl);
-}
-
-int xvelmListIOInfoFree(QMELMExtensionp, QMELMListIOInfoParms *, QMJnlh jnl) noexcept {
-  return notAvailable(jnl);
-}
-
-int xvelmJnlIOInfo(QMELMExtensionp, QMELMJnlIOInfoParms *, QMJnlh jnl) noexcept {
-  return notAvailable(jnl);
 }
