@@ -280,6 +280,8 @@ struct HandleBlock {
 void registerHandle(HandleBlock *h) noexcept;
 // Takes a handle out of the set; false when it was not live.
 [[nodiscard]] bool unregisterHandle(const void *h) noexcept;
+// Whether a handle is live (handed out and not yet released).
+[[nodiscard]] bool handleIsLive(const void *h) noexcept;
 // Takes every handle of an extension out of the set: its destroy frees them
 // with its pool, whether or not their holders released them.
 void unregisterHandlesOf(const QMELMExtension *ext) noexcept;

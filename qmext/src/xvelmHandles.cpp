@@ -60,6 +60,14 @@ bool unregisterHandle(const void *h) noexcept {
   return false;
 }
 
+bool handleIsLive(const void *h) noexcept {
+  std::size_t b = bucketOf(h);
+  StripeGuard g(b);
+  for (const HandleBlock *e = buckets[b]; e != nullptr; e = e->nextLive)
+    if (e == h) return true;
+  return false;
+}
+
 void resetHandleSetAfterFork() noexcept {
   // Only the forking thread exists in the child: a stripe that another thread
   // of the parent held at the fork would otherwise stay taken for ever.

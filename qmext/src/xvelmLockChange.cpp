@@ -1,0 +1,406 @@
+/*
+ * xvelmLockChange - changes the lock type of a held handle: internal and
+ * external recount on copies, a descriptor of another access mode when
+ * asked, the record lock through the file table, and a commit only when
+ * every step succeeded. Takes the node's NodeMutex (and, inside it, the file
+ * table's mutex). Allocates a message buffer with a journal, a descriptor
+ * record and the caller's file handle when needed (parked or kept on
+ * failure, never leaked). Returns 0, QMELM_E_NULL_HANDLE, _NULL_PARMS,
+ * _DEAD_NODE, _FORKED_HANDLE, _INVALID_LOCKTYPE, _CHANGE_NOT_ALLOWED, an
+ * internal conflict, an open status, QMELM_E_NO_MEMORY or a refusal.
+ */
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "xvelm.h"
+#include "xvelmHolders.h"
+#include "xvelmLock.h"
+
+namespace {
+
+using namespace xvelm::detail;
+
+constexpr QMMemSize kForbidden = QMELM_NOINTERNAL_LOCK | QMELM_NOEXTERNAL_LOCK | QMELM_OPT_NONE |
+                                 QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;  // 0x3b0
+constexpr QMMemSize kInternalBits = QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_SHARED;
+constexpr QMMemSize kExternalBits = QMELM_EXT_EXCLUSIVE | QMELM_EXT_NONEXCLUSIVE;
+constexpr QMMemSize kOptionBits = QMELM_OPT_NONE | QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;
+constexpr int kBusyErrno = 11;  // a file lost under its name is reported busy (EAGAIN)
+constexpr QMStrSize kDescriptionChars = 1024;
+
+// Step 2: a type no holder could have.
+bool invalidNewType(QMMemSize W) {
+  return ((W & QMELM_INT_EXCLUSIVE) && (W & QMELM_INT_NONEXCLUSIVE)) ||
+         ((W & QMELM_EXT_EXCLUSIVE) && (W & QMELM_EXT_NONEXCLUSIVE)) ||
+         ((W & QMELM_SHARED) &&
+          !(W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LOCK)));
+}
+
+// Step 3: a change that asks for option or no-lock bits, or for a part of
+// the lock the handle does not take at all.
+bool changeNotAllowed(QMMemSize O, QMMemSize W) {
+  return (W & kForbidden) || ((W & kInternalBits) && (O & QMELM_NOINTERNAL_LOCK)) ||
+         ((W & kExternalBits) && (O & QMELM_NOEXTERNAL_LOCK));
+}
+
+// Step 4: the new type. Options stay; each part is W's when W names one
+// (the internal one only when it differs from O's), else O's.
+QMMemSize composeType(QMMemSize O, QMMemSize W) {
+  QMMemSize T = O & kOptionBits;
+  T |= (W & kExternalBits) ? (W & kExternalBits) : (O & 0x02c);
+  const QMMemSize wInternal = W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_SHARED);
+  const QMMemSize oInternal = O & 0x053;
+  const bool wNames = (W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE)) != 0;
+  T |= (wNames && wInternal != (oInternal & kInternalBits)) ? wInternal : oInternal;
+  return T;
+}
+
+// Step 6: the internal recount on copies. Returns 0, or the conflict.
+QMStatus recountInternal(QMMemSize O, QMMemSize T, InternalCounts &c) {
+  if ((O & QMELM_NOINTERNAL_LOCK) || (O & kInternalBits) == (T & kInternalBits)) return 0;
+  const bool oExcl = O & QMELM_INT_EXCLUSIVE, oShared = O & QMELM_SHARED;
+  const bool tExcl = T & QMELM_INT_EXCLUSIVE, tShared = T & QMELM_SHARED;
+  QMMemSize &X = c.exclusive, &S = c.nonexclusive;
+  uint32_t &U = c.nonshared;
+  if (oExcl && !oShared) {
+    if (!tExcl) {  // to non-exclusive
+      --X, ++S;
+      if (!tShared) ++U;
+    }
+  } else if (oExcl && oShared) {
+    if (!tExcl && tShared) {
+      --X, ++S;
+    } else if (!tExcl) {
+      --X, ++S, ++U;
+    } else if (!tShared && !(T & QMELM_INT_NONEXCLUSIVE) && S != 0) {
+      return QMELM_E_INT_SHARE_CONFLICT;
+    }
+  } else if (oShared) {  // non-exclusive shared
+    if (tShared && tExcl) {
+      if (X != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
+      if (U != 0) return QMELM_E_INT_SHARE_CONFLICT;
+      ++X, --S;
+    } else if (!tShared) {
+      if (X != 0) return QMELM_E_INT_SHARE_CONFLICT;
+      if (!tExcl) {
+        ++U;
+      } else {
+        if (S - U >= 2) return QMELM_E_INT_SHARE_CONFLICT;
+        if (U != 0) return QMELM_E_INT_LOCKED_SHARED;
+        ++X, --S;
+      }
+    }
+  } else {  // non-exclusive non-shared
+    if (tShared && !tExcl) {
+      --U;
+    } else if (tShared) {
+      if (U >= 2) return QMELM_E_INT_SHARE_CONFLICT;
+      --U, --S, ++X;
+    } else if (tExcl) {
+      if (X != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
+      if (S != U || S >= 2) return S == U ? QMELM_E_INT_LOCKED_SHARED : QMELM_E_INT_SHARE_CONFLICT;
+      ++X, --U, --S;
+    }
+  }
+  return 0;
+}
+
+class Change {
+ public:
+  Change(QMELMLHndlp lock, XVELMFileLockParms *parms, QMJnlh jnl)
+      : lock_(lock),
+        h_(fileHandleOf(lock)),
+        node_(nodeOf(lock)),
+        ext_(h_->ExtensionHndl),
+        parms_(parms),
+        jnl_(jnl) {}
+
+  [[nodiscard]] QMStatus run(QMMemSize W) noexcept;
+
+ private:
+  XVELMFileLock &file() const { return node_->pub; }
+  QMELMResLock &res() const { return node_->pub.CommonLock; }
+  FailureText text(QMStatus head, MessageTail tail, int err) const {
+    return FailureText{head, file().ID.Filename, static_cast<QMStrSize>(file().ID.FilenameLen),
+                       tail, err};
+  }
+  [[nodiscard]] QMStatus reportTypes(QMStatus st, QMMemSize O, QMMemSize W) const;
+  [[nodiscard]] QMStatus reportConflict(QMStatus st) const;
+  [[nodiscard]] QMStatus switchDescriptor() noexcept;
+  [[nodiscard]] QMStatus openSwitched(XVELMFileDescriptorp *out) noexcept;
+  [[nodiscard]] QMStatus recordLock(QMMemSize T, QMMemSize E0, QMMemSize E, QMMemSize N) noexcept;
+  [[nodiscard]] QMStatus analyse(int fd, struct flock &req, int err, QMMemSize T) const;
+  void rollBack() noexcept;
+
+  QMELMLHndlp lock_;
+  XVELMLHndl *h_;
+  NodeState *node_;
+  QMELMExtension *ext_;
+  XVELMFileLockParms *parms_;
+  QMJnlh jnl_;
+  // What the descriptor switch changed, for the commit or the roll-back.
+  XVELMFileDescriptorp oldFdp_ = nullptr;
+  XVELMFileDescriptorp newFdp_ = nullptr;
+  XVELMFileHandle oldFileHandle_{};
+  bool madeFileHandle_ = false;
+};
+
+// The failure's text, then two descriptions (old and new) or one (new).
+QMStatus Change::reportTypes(QMStatus st, QMMemSize O, QMMemSize W) const {
+  Message msg(ext_, jnl_);
+  if (!msg.active()) return st;
+  QMChar oldText[kDescriptionChars], newText[kDescriptionChars * 4];
+  if (xvelmBuildLockTypeMsg(ext_, W, newText, kDescriptionChars * 4, jnl_) != 0) return st;
+  msg.status(st);
+  if (st == QMELM_E_INVALID_LOCKTYPE) {
+    msg.status(QMELM_M_LOCKTYPE_IS, newText);
+  } else {
+    if (xvelmBuildLockTypeMsg(ext_, O, oldText, kDescriptionChars, jnl_) != 0) return st;
+    msg.status(QMELM_M_LOCKTYPE_CHANGE, oldText, newText);
+  }
+  (void)msg.journal();
+  return st;
+}
+
+// The internal conflict's message. Its buffer is 2048 bytes, deliberately
+// (2048 characters are offered, as this message always has): the composer
+// never writes past what it has, so a text that would not fit in 512
+// characters is abandoned instead.
+QMStatus Change::reportConflict(QMStatus st) const {
+  Message msg(ext_, jnl_, Message::Mode::Checked, 2048 / sizeof(QMChar));
+  const QMStrSize len = static_cast<QMStrSize>(file().ID.FilenameLen);
+  msg.status(st).status(QMELM_M_INT_SHARE_CONFLICT).requireRoom(len);
+  msg.text(file().ID.Filename, len).status(QMELM_M_RESOURCE_END);
+  (void)msg.journal();
+  return st;
+}
+
+// A new descriptor for the handle, opened with the caller's flags under the
+// node's name: it must be the node's file.
+QMStatus Change::openSwitched(XVELMFileDescriptorp *out) noexcept {
+  PoolPtr<XVELMFileDescriptor> rec(ext_->Pool, jnl_);
+  if (!rec.allocate()) return journaled(jnl_, QMELM_E_NO_MEMORY);
+  rec->fd = -1;
+  rec->openflags = parms_->OpenFlags;
+  rec->permissionsmask = parms_->PermissionsMask;
+  const int fd = openRetrying(file().ID.NarrowFilename, parms_->OpenFlags, parms_->PermissionsMask);
+  if (fd < 0) {
+    const int err = errno;
+    parms_->Errno = err;
+    const QMStatus st = openFailureStatus(err, OpenCaller::Change);
+    (void)journalFileLockFailure(ext_, jnl_, text(st, MessageTail::Errno, err),
+                                 Rendering::CheckedFitName);
+    return st;
+  }
+  struct stat st {};
+  const bool described = sys().fstat(fd, &st) == 0;
+  settleOpened(fd, parms_->OpenFlags, st);
+  Identity id = Identity::Other;
+  if (described) {
+    TableLock t;
+    id = recordFile(t, node_->link, st);
+  }
+  if (id == Identity::Other) {
+    // Another file under the node's name: refused as a lock lost to a
+    // rename is, and the descriptor given up through the file table.
+    (void)journalFileLockFailure(ext_, jnl_,
+                                 text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
+                                 Rendering::Unchecked);
+    struct flock req {};
+    const QMStatus status = analyse(fd, req, EAGAIN, lock_->Private.LockType);
+    TableLock t;
+    if (described)
+      closeStray(t, fd, st);
+    else
+      (void)sys().close(fd);
+    return status != 0 ? status : QMELM_E_EXT_LOCK_FAILED;
+  }
+  rec->fd = fd;
+  pushDescriptor(file().OpenFileDescriptorList, rec.get());
+  *out = rec.release();
+  return 0;
+}
+
+// Step 8: keeps the descriptor when the access mode is the same, else takes
+// a parked one with exactly the caller's flags, or opens one.
+QMStatus Change::switchDescriptor() noexcept {
+  XVELMFileDescriptorp cur = h_->FDP;
+  if (cur != nullptr && (parms_->OpenFlags & O_ACCMODE) == (cur->openflags & O_ACCMODE)) return 0;
+  XVELMFileDescriptorp d = file().ClosedFileDescriptorList;
+  while (d != nullptr && d->openflags != parms_->OpenFlags) d = d->next;
+  if (d != nullptr) {
+    (void)sys().lseek(d->fd, 0, SEEK_SET);  // the result is not tested
+    unlinkDescriptor(file().ClosedFileDescriptorList, d);
+    pushDescriptor(file().OpenFileDescriptorList, d);
+  } else if (const QMStatus st = openSwitched(&d); st != 0) {
+    return st;
+  }
+  auto *fh = static_cast<XVELMFileHandle *>(lock_->Public.ResourceHandle);
+  if (fh == nullptr) {
+    fh = static_cast<XVELMFileHandle *>(
+        ext_->Pool->memAlloc(ext_->Pool, sizeof(XVELMFileHandle), QM_POOL_ZERO_FILL));
+    if (fh == nullptr) {
+      unlinkDescriptor(file().OpenFileDescriptorList, d);
+      pushDescriptor(file().ClosedFileDescriptorList, d);
+      return journaled(jnl_, QMELM_E_NO_MEMORY);
+    }
+    lock_->Public.ResourceHandle = fh;
+    madeFileHandle_ = true;
+  } else {
+    oldFileHandle_ = *fh;
+  }
+  oldFdp_ = cur;
+  newFdp_ = d;
+  h_->FDP = d;
+  fh->FileDescriptor = d->fd;
+  fh->FileSize = file().FileSize;
+  return 0;
+}
+
+// Puts the handle back as it was before the descriptor switch: the new
+// descriptor is parked, FDP and the caller's file handle restored.
+void Change::rollBack() noexcept {
+  if (newFdp_ == nullptr) return;
+  unlinkDescriptor(file().OpenFileDescriptorList, newFdp_);
+  pushDescriptor(file().ClosedFileDescriptorList, newFdp_);
+  h_->FDP = oldFdp_;
+  if (madeFileHandle_) {
+    (void)freeBlock(ext_->Pool, lock_->Public.ResourceHandle, jnl_);
+    lock_->Public.ResourceHandle = nullptr;
+  } else {
+    *static_cast<XVELMFileHandle *>(lock_->Public.ResourceHandle) = oldFileHandle_;
+  }
+  newFdp_ = nullptr;
+}
+
+// The refusal analysis: Errno, LockerPID and SystemID from what F_GETLK
+// reports; the status by the returned type and the bits of T as they stand
+// (0 for an undetermined refusal, which option Continue may commit).
+QMStatus Change::analyse(int fd, struct flock &req, int err, QMMemSize T) const {
+  parms_->Errno = err;
+  errno = 0;
+  req.l_type = F_WRLCK;
+  req.l_whence = SEEK_SET;
+  req.l_start = 0;
+  req.l_len = 0;
+  if (sys().fcntl(fd, F_GETLK, &req) == -1) {
+    parms_->Errno = errno;
+    req.l_type = F_UNLCK;
+  }
+  parms_->LockerPID = req.l_pid;
+  parms_->SystemID = 0;  // struct flock has no system id here
+  if (req.l_type == F_WRLCK &&
+      (T & (QMELM_EXT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_EXT_NONEXCLUSIVE)))
+    return QMELM_E_EXT_LOCKED_EXCLUSIVE;
+  if (req.l_type == F_RDLCK && (T & QMELM_EXT_EXCLUSIVE)) return QMELM_E_EXT_LOCKED_SHARED;
+  return 0;
+}
+
+// Step 9: the record lock follows the new external counts, through the file
+// table (which sends nothing when another node of the file needs the lock
+// as it is). Returns 0 to commit, or the refusal.
+QMStatus Change::recordLock(QMMemSize T, QMMemSize E0, QMMemSize E, QMMemSize N) noexcept {
+  if ((E0 != 0) == (E != 0)) return 0;
+  const Need want = needOf(E, N);
+  const int fd = h_->FDP != nullptr ? h_->FDP->fd : -1;
+  struct flock req {};
+  int rc = 0, err = 0;
+  {
+    TableLock t;
+    rc = setNeed(t, node_->link, want, fd, req);
+    err = errno;
+  }
+  if (rc == 0) {
+    // A lock taken is checked against the name: a file that replaced ours
+    // between the descriptor switch and the lock is not ours. (Giving a lock
+    // down cannot lose the file.)
+    struct stat byName {};
+    if (E0 != 0 || (sys().stat(file().ID.NarrowFilename, &byName) == 0 &&
+                    isNodeFile(node_->link, byName))) {
+      file().FcntlLockSet = 1;
+      return 0;
+    }
+    (void)journalFileLockFailure(ext_, jnl_,
+                                 text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
+                                 Rendering::Unchecked);
+    err = EAGAIN;
+  } else if (err == EOPNOTSUPP || err == EROFS || err == EINVAL) {
+    file().FcntlLockSet = 1;  // no record locks on this file system
+    return 0;
+  }
+  QMStatus st = analyse(fd, req, err, T);
+  if (st == 0) {
+    if (T & QMELM_OPT_CONTINUE) {
+      // Asked to go on whatever the record lock does: committed as if the
+      // lock had been obtained, without a failure message.
+      file().FcntlLockSet = 1;
+      return 0;
+    }
+    st = QMELM_E_EXT_LOCK_FAILED;
+  }
+  (void)journalFileLockFailure(ext_, jnl_, text(st, MessageTail::Errno, parms_->Errno),
+                               Rendering::Unchecked);
+  return st;
+}
+
+QMStatus Change::run(QMMemSize W) noexcept {
+  const QMMemSize O = lock_->Private.LockType;
+  if (invalidNewType(W)) return reportTypes(QMELM_E_INVALID_LOCKTYPE, O, W);
+  if (changeNotAllowed(O, W)) return reportTypes(QMELM_E_CHANGE_NOT_ALLOWED, O, W);
+  const QMMemSize T = composeType(O, W);
+
+  MutexGuard nm(res().NodeMutex);
+  if (!nm) return journaled(jnl_, nm.status());
+  if (isDead(&res())) return journaled(jnl_, QMELM_E_DEAD_NODE);
+
+  InternalCounts internal = InternalCounts::of(res());
+  if (const QMStatus st = recountInternal(O, T, internal); st != 0) return reportConflict(st);
+
+  const QMMemSize E0 = res().ext_exclusive;
+  QMMemSize E = E0, N = res().ext_nonexclusive;
+  if (!(O & kNoExternalAtAcquisition) && (T & kExternalBits)) {
+    if ((O & QMELM_EXT_EXCLUSIVE) && (T & QMELM_EXT_NONEXCLUSIVE))
+      --E, ++N;
+    else if (!(O & QMELM_EXT_EXCLUSIVE) && (T & QMELM_EXT_EXCLUSIVE))
+      ++E, --N;
+  }
+
+  if (const QMStatus st = switchDescriptor(); st != 0) return st;
+  if (const QMStatus st = recordLock(T, E0, E, N); st != 0) {
+    rollBack();
+    return st;
+  }
+
+  // Commit.
+  res().ext_exclusive = E;
+  res().ext_nonexclusive = N;
+  if (newFdp_ != nullptr && oldFdp_ != nullptr) {
+    unlinkDescriptor(file().OpenFileDescriptorList, oldFdp_);
+    pushDescriptor(file().ClosedFileDescriptorList, oldFdp_);
+  }
+  internal.storeIn(res());
+  lock_->Private.LockType = T;
+  parms_->AcquiredLockType = T;
+  return 0;
+}
+
+}  // namespace
+
+int xvelmLockChange(QMELMLHndlp lock, QMMemPtr lockParms, QMMemSize newLockType,
+                    QMJnlh jnl) noexcept {
+  // A handle is only read once it is known to be live: a released one (or a
+  // pointer never handed out) is answered without touching its memory.
+  if (lock == nullptr) return journaled(chooseJournal(nullptr, jnl), QMELM_E_NULL_HANDLE);
+  if (!handleIsLive(lock)) return journaled(chooseJournal(nullptr, jnl), QMELM_E_DEAD_NODE);
+  QMELMExtension *ext = fileHandleOf(lock)->ExtensionHndl;
+  jnl = chooseJournal(ext, jnl);
+  if (nodeOf(lock)->generation != forkGeneration()) return journaled(jnl, QMELM_E_FORKED_HANDLE);
+  auto *parms = static_cast<XVELMFileLockParms *>(lockParms);
+  if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
+  parms->AcquiredLockType = 0;
+  Change change(lock, parms, jnl);
+  return change.run(newLockType);
+}
