@@ -335,6 +335,58 @@ void benchBesideHeld(benchmark::State &st, size_t want) {
   st.SetLabel(std::to_string(m.held.size()) + " held");
 }
 
+// A held external non-exclusive lock changed to exclusive and back: one
+// record-lock call each way, and the name checked after the upgrade.
+void benchChange(benchmark::State &st) {
+  const std::string p = g->dir.file("change.dat");
+  if (!touch(p)) {
+    st.SkipWithError("could not create the file");
+    return;
+  }
+  QMELMExtension *ext = g->host->ext;
+  qmtest::LockRequest req(p, O_RDWR);
+  int rc = 0;
+  QMELMLHndlp h = get(ext, req, QMELM_INT_NONEXCLUSIVE | QMELM_EXT_NONEXCLUSIVE | QMELM_OPT_FAIL,
+                      &rc);
+  if (h == nullptr) {
+    st.SkipWithError(statusText("LockGet", rc).c_str());
+    return;
+  }
+  for (auto _ : st) {
+    if ((rc = ext->Functions.LockChange(h, req.get(), QMELM_EXT_EXCLUSIVE, nullptr)) != 0 ||
+        (rc = ext->Functions.LockChange(h, req.get(), QMELM_EXT_NONEXCLUSIVE, nullptr)) != 0) {
+      st.SkipWithError(statusText("LockChange", rc).c_str());
+      break;
+    }
+  }
+  (void)release(ext, h, req);
+  st.SetItemsProcessed(st.iterations() * 2);
+}
+
+// What one change cannot do without, twice: a record-lock call, and the
+// check that the name still names the locked file (fstat and stat).
+void benchBareChange(benchmark::State &st) {
+  const std::string p = g->dir.file("bare_change.dat");
+  const int fd = ::open(p.c_str(), O_RDWR | O_CREAT, 0644);
+  if (fd < 0) {
+    st.SkipWithError("open failed");
+    return;
+  }
+  struct stat a {};
+  struct stat b {};
+  for (auto _ : st) {
+    for (short type : {F_WRLCK, F_RDLCK}) {
+      struct flock fl {};
+      fl.l_type = type;
+      benchmark::DoNotOptimize(::fcntl(fd, F_SETLK, &fl));
+      benchmark::DoNotOptimize(::fstat(fd, &a));
+      benchmark::DoNotOptimize(::stat(p.c_str(), &b));
+    }
+  }
+  ::close(fd);
+  st.SetItemsProcessed(st.iterations() * 2);
+}
+
 bool setUp(Env &e) {
   bool ok = true;
   for (int t = 0; t < 2; ++t) {
@@ -396,6 +448,8 @@ int main(int argc, char **argv) {
       ->Threads(1)
       ->Threads(2);
   benchmark::RegisterBenchmark("pool/bytes_per_file", benchPoolBytes)->Iterations(1);
+  benchmark::RegisterBenchmark("lock/change_0x008_0x004_and_back", benchChange)->Unit(kNanosecond);
+  benchmark::RegisterBenchmark("bare/setlk_fstat_stat_twice", benchBareChange)->Unit(kNanosecond);
   const std::vector<size_t> counts = {10, 1000, 10000};
   std::vector<std::string> besideNames;
   for (size_t n : counts) {
@@ -443,6 +497,9 @@ int main(int argc, char **argv) {
           Goal::ValueBelow, 50),
       gain("UpdateIOInfo, 2 threads vs 1 (throughput gain)", "io/update", Goal::Info, 0),
   };
+  rows.push_back(row("LockChange 0x008 -> 0x004 -> 0x008 vs 2x (F_SETLK+fstat+stat)",
+                     "lock/change_0x008_0x004_and_back", 1, "bare/setlk_fstat_stat_twice", 1,
+                     Clock::Cpu, Goal::RatioAtMost, 1.3));
   Row pool = row("pool bytes per held file", "pool/bytes_per_file", 1, "", 1, Clock::Cpu,
                  Goal::ValueBelow, 1024);
   pool.counter = "bytes_per_file";

@@ -121,6 +121,18 @@ enum class OpenCaller { Acquisition, Change };
 // back the blocking mode its opener asked for.
 void settleOpened(int fd, uint32_t flags, const struct stat &st) noexcept;
 
+// A descriptor just opened under a node's name, described and checked
+// against the node's file (recorded as the node's file when it has none).
+struct Opened {
+  struct stat st;   // what fstat said
+  bool described;   // fstat succeeded
+  Identity id;      // Other: not the node's file (or not describable)
+};
+[[nodiscard]] Opened recordOpened(NodeState *node, int fd, uint32_t flags) noexcept;
+// Gives up a descriptor that recordOpened found to be another file: closed
+// through the file table, so that no lock of the process on that file goes.
+void giveUpStray(const Opened &o, int fd) noexcept;
+
 // ---- file-lock failure messages -----------------------------------------------
 
 // What follows the resource name in a file-lock failure message.

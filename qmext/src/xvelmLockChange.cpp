@@ -195,15 +195,8 @@ QMStatus Change::openSwitched(XVELMFileDescriptorp *out) noexcept {
                                  Rendering::CheckedFitName);
     return st;
   }
-  struct stat st {};
-  const bool described = sys().fstat(fd, &st) == 0;
-  settleOpened(fd, parms_->OpenFlags, st);
-  Identity id = Identity::Other;
-  if (described) {
-    TableLock t;
-    id = recordFile(t, node_->link, st);
-  }
-  if (id == Identity::Other) {
+  const Opened opened = recordOpened(node_, fd, parms_->OpenFlags);
+  if (opened.id == Identity::Other) {
     // Another file under the node's name: refused as a lock lost to a
     // rename is, and the descriptor given up through the file table.
     (void)journalFileLockFailure(ext_, jnl_,
@@ -211,11 +204,7 @@ QMStatus Change::openSwitched(XVELMFileDescriptorp *out) noexcept {
                                  Rendering::Unchecked);
     struct flock req {};
     const QMStatus status = analyse(fd, req, EAGAIN, lock_->Private.LockType);
-    TableLock t;
-    if (described)
-      closeStray(t, fd, st);
-    else
-      (void)sys().close(fd);
+    giveUpStray(opened, fd);
     return status != 0 ? status : QMELM_E_EXT_LOCK_FAILED;
   }
   rec->fd = fd;

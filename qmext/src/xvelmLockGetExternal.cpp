@@ -78,6 +78,26 @@ void settleOpened(int fd, uint32_t flags, const struct stat &st) noexcept {
                       reinterpret_cast<void *>(static_cast<intptr_t>(flags & ~uint32_t{O_NONBLOCK})));
 }
 
+Opened recordOpened(NodeState *node, int fd, uint32_t flags) noexcept {
+  Opened o{};
+  o.described = sys().fstat(fd, &o.st) == 0;
+  settleOpened(fd, flags, o.st);
+  o.id = Identity::Other;
+  if (o.described) {
+    TableLock t;
+    o.id = recordFile(t, node->link, o.st);
+  }
+  return o;
+}
+
+void giveUpStray(const Opened &o, int fd) noexcept {
+  TableLock t;
+  if (o.described)
+    closeStray(t, fd, o.st);
+  else
+    (void)sys().close(fd);
+}
+
 bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl, const FailureText &t,
                             Rendering r) noexcept {
   if (jnl == nullptr) return true;
@@ -150,7 +170,7 @@ struct External {
   [[nodiscard]] QMStatus takeRecordLock(XVELMFileDescriptorp d) const;
   [[nodiscard]] QMStatus refused(XVELMFileDescriptorp d, struct flock &req, int err) const;
   [[nodiscard]] QMStatus analyseRefusal(int fd, struct flock &req, int err) const;
-  [[nodiscard]] QMStatus replacedUnderName(int fd, const struct stat &st, bool described) const;
+  [[nodiscard]] QMStatus replacedUnderName(int fd, const Opened &opened) const;
 
   mutable int reported_ = 0;  // the errno a refusal's message carries
 };
@@ -199,17 +219,11 @@ QMStatus External::openFresh(XVELMFileDescriptorp *out, double *openTime) const 
   // made anew under it after an unlink, is not the file the node's holders
   // (and the process's record lock) are on. A descriptor fstat cannot
   // describe is treated the same way.
-  struct stat st {};
-  const bool described = sys().fstat(fd, &st) == 0;
-  settleOpened(fd, parms->OpenFlags, st);
-  Identity id = Identity::Other;
-  if (described) {
-    TableLock t;
-    id = recordFile(t, node->link, st);
-  }
-  if (id == Identity::Other) {
+  const Opened opened = recordOpened(node, fd, parms->OpenFlags);
+  const struct stat &st = opened.st;
+  if (opened.id == Identity::Other) {
     (void)freeBlock(ext->Pool, rec, jnl);
-    return replacedUnderName(fd, st, described);
+    return replacedUnderName(fd, opened);
   }
   rec->fd = fd;
   pushDescriptor(file().OpenFileDescriptorList, rec);
@@ -227,19 +241,13 @@ QMStatus External::openFresh(XVELMFileDescriptorp *out, double *openTime) const 
 // A new descriptor is not of the node's file: refused as a record lock lost
 // to a rename is, and the descriptor is closed unless the process holds a
 // lock on the file it did open (closing it would drop that lock).
-QMStatus External::replacedUnderName(int fd, const struct stat &st, bool described) const {
+QMStatus External::replacedUnderName(int fd, const Opened &opened) const {
   (void)journalFileLockFailure(ext, jnl,
                                text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
                                Rendering::Unchecked);
   struct flock req {};
   const QMStatus status = analyseRefusal(fd, req, EAGAIN);
-  {
-    TableLock t;
-    if (described)
-      closeStray(t, fd, st);
-    else
-      (void)sys().close(fd);
-  }
+  giveUpStray(opened, fd);
   return fail(status, nullptr);
 }
 
