@@ -339,12 +339,12 @@ TEST(FileIdentity, ThreadsOverFilesWithTwoNamesNeverLoseTheProcessLock) {
   TempDir dir;
   constexpr int kFiles = 3;
   std::vector<std::string> names;
-  for (int f = 0; f < kFiles; ++f) {
-    const std::string p = dir.file("f" + std::to_string(f));
+  for (char f = '0'; f < '0' + kFiles; ++f) {
+    const std::string p = dir.file(std::string{'f', f}), l = dir.file(std::string{'l', f});
     close(open(p.c_str(), O_CREAT | O_RDWR, 0644));
-    ASSERT_EQ(symlink(p.c_str(), dir.file("l" + std::to_string(f)).c_str()), 0);
+    ASSERT_EQ(symlink(p.c_str(), l.c_str()), 0);
     names.push_back(p);
-    names.push_back(dir.file("l" + std::to_string(f)));
+    names.push_back(l);
   }
   // The witness: another process that answers, for a file index, whether it
   // could take a write lock on that file now (and gives it straight back).

@@ -19,8 +19,10 @@ namespace xvelm::detail {
 namespace {
 
 constexpr std::size_t kBuckets = 16384;
+constexpr std::size_t kStripes = 16;  // few: the fork handlers hold them all
 
-pthread_mutex_t tableMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t stripes[kStripes];
+pthread_once_t stripesOnce = PTHREAD_ONCE_INIT;
 FileLink *table[kBuckets];
 uint32_t generation = 1;  // bumped in the child of a fork
 
@@ -32,6 +34,14 @@ std::size_t bucketOf(dev_t dev, ino_t ino) {
   uint64_t v = static_cast<uint64_t>(ino) * 0x9E3779B97F4A7C15ull ^ static_cast<uint64_t>(dev);
   v ^= v >> 29;
   return static_cast<std::size_t>(v % kBuckets);
+}
+
+pthread_mutex_t &stripeOf(std::size_t bucket) {
+  return stripes[bucket % kStripes];
+}
+
+void initStripes() {
+  for (pthread_mutex_t &m : stripes) pthread_mutex_init(&m, nullptr);
 }
 
 bool sameFile(const FileLink &l, dev_t dev, ino_t ino) {
@@ -136,11 +146,11 @@ void prepareFork() {
     (void)e->pub.IOInfoMutex->get(e->pub.IOInfoMutex, 1, 1);
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
     (void)e->pub.OptionMutex->get(e->pub.OptionMutex, 1, 1);
-  pthread_mutex_lock(&tableMutex);
+  for (pthread_mutex_t &m : stripes) pthread_mutex_lock(&m);
 }
 
 void parentAfterFork() {
-  pthread_mutex_unlock(&tableMutex);
+  for (std::size_t i = kStripes; i-- > 0;) pthread_mutex_unlock(&stripes[i]);
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
     (void)e->pub.OptionMutex->release(e->pub.OptionMutex);
     (void)e->pub.IOInfoMutex->release(e->pub.IOInfoMutex);
@@ -166,7 +176,7 @@ void childAfterFork() {
   for (FileLink *&b : table) b = nullptr;
   __atomic_store_n(&generation, generation + 1, __ATOMIC_RELEASE);
   resetHandleSetAfterFork();
-  pthread_mutex_init(&tableMutex, nullptr);
+  initStripes();
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
     __atomic_store_n(&e->dead, static_cast<NodeState *>(nullptr), __ATOMIC_RELEASE);
     QMHndlp h = e->pub.Common.hndl;
@@ -178,6 +188,7 @@ void childAfterFork() {
 }
 
 void installForkHandlers() {
+  (void)pthread_once(&stripesOnce, initStripes);
   (void)pthread_atfork(prepareFork, parentAfterFork, childAfterFork);
 }
 
@@ -187,11 +198,13 @@ uint32_t forkGeneration() noexcept {
   return __atomic_load_n(&generation, __ATOMIC_ACQUIRE);
 }
 
-TableLock::TableLock() noexcept {
-  pthread_mutex_lock(&tableMutex);
+TableLock::TableLock(dev_t dev, ino_t ino) noexcept {
+  (void)pthread_once(&stripesOnce, initStripes);
+  m_ = &stripeOf(bucketOf(dev, ino));
+  pthread_mutex_lock(m_);
 }
 TableLock::~TableLock() {
-  pthread_mutex_unlock(&tableMutex);
+  pthread_mutex_unlock(m_);
 }
 
 Identity recordFile(TableLock &, FileLink &l, const struct stat &st) noexcept {
@@ -262,7 +275,7 @@ void closeStray(TableLock &, int fd, const struct stat &st) noexcept {
 bool forgetNode(NodeState *node) noexcept {
   FileLink &l = node->link;
   if (node->generation != forkGeneration()) return true;  // never in this process's table
-  TableLock t;
+  TableLock t(l);
   if (!l.attached) return true;
   if (hasOpenDeferred(l)) {
     l.waiting = true;
@@ -273,12 +286,14 @@ bool forgetNode(NodeState *node) noexcept {
 }
 
 void forgetExtension(const QMELMExtension *ext) noexcept {
-  TableLock t;
+  (void)pthread_once(&stripesOnce, initStripes);
   // First every node of ext gives up its need, remembering what the process
   // holds; then each file is sent down to what the other objects' nodes
   // need, and the descriptors are closed where nothing needs a lock.
   auto ours = [ext](const FileLink *l) { return nodeOfLink(const_cast<FileLink *>(l))->owner == ext; };
   for (std::size_t b = 0; b < kBuckets; ++b) {
+    pthread_mutex_t &m = stripeOf(b);
+    pthread_mutex_lock(&m);
     for (FileLink *l = table[b]; l != nullptr;) {
       FileLink *next = l->next;
       if (!ours(l)) {
@@ -316,6 +331,7 @@ void forgetExtension(const QMELMExtension *ext) noexcept {
       detach(*l);
       l = next;
     }
+    pthread_mutex_unlock(&m);
   }
 }
 

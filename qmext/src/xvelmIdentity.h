@@ -18,16 +18,21 @@
  *  - after fork() the child's table starts empty and nodes made before the
  *    fork belong to another generation: the child never uses them.
  *
- * Mutex rules: one process-wide table mutex guards the table, every link's
- * fields and every link's deferred list. It comes after a node's NodeMutex
- * in the lock order (ListMutex -> NodeDeleteMutex -> NodeMutex -> table
- * mutex) and nothing but system calls, pool frees and journals is called
- * while it is held.
+ * Mutex rules: the table's buckets are split into stripes, each with its
+ * mutex; a stripe's mutex guards its buckets and every field of the links in
+ * them (links of one file are always in one bucket), except dev, ino and
+ * known, which only the node's own acquisitions write (under its NodeMutex
+ * and the stripe's mutex). A stripe mutex comes after a node's NodeMutex in
+ * the lock order (ListMutex -> NodeDeleteMutex -> NodeMutex -> stripe) and
+ * nothing but system calls, pool frees and journals is called while it is
+ * held; no thread holds two stripes but destroy and the fork handlers, which
+ * take them in order.
  */
 #ifndef XVELM_IDENTITY_H
 #define XVELM_IDENTITY_H
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <cstdint>
@@ -57,14 +62,21 @@ struct FileLink {
 // The fork generation of the process: bumped in a child by fork().
 uint32_t forkGeneration() noexcept;
 
-// Holds the table mutex for its scope. Every function below that takes a
-// TableLock& must be called with it held.
+// Holds the mutex of the stripe where a file's links live, for its scope.
+// Every function below that takes a TableLock& must be called with the
+// stripe of the file it works on held: the node's file for a link, st's file
+// for a descriptor's description.
 class XVELM_TSA(scoped_lockable) TableLock {
  public:
-  TableLock() noexcept XVELM_TSA(no_thread_safety_analysis);
+  TableLock(dev_t dev, ino_t ino) noexcept XVELM_TSA(no_thread_safety_analysis);
+  explicit TableLock(const FileLink &l) noexcept : TableLock(l.dev, l.ino) {}
+  explicit TableLock(const struct stat &st) noexcept : TableLock(st.st_dev, st.st_ino) {}
   ~TableLock() XVELM_TSA(no_thread_safety_analysis);
   TableLock(const TableLock &) = delete;
   TableLock &operator=(const TableLock &) = delete;
+
+ private:
+  pthread_mutex_t *m_;
 };
 
 enum class Identity { Recorded, Same, Other };

@@ -298,7 +298,7 @@ QMStatus Change::recordLock(QMMemSize T, QMMemSize E0, QMMemSize E, QMMemSize N)
   struct flock req {};
   int rc = 0, err = 0;
   {
-    TableLock t;
+    TableLock t(node_->link);
     rc = setNeed(t, node_->link, want, fd, req);
     err = errno;
   }

@@ -84,18 +84,19 @@ Opened recordOpened(NodeState *node, int fd, uint32_t flags) noexcept {
   settleOpened(fd, flags, o.st);
   o.id = Identity::Other;
   if (o.described) {
-    TableLock t;
+    TableLock t(o.st);
     o.id = recordFile(t, node->link, o.st);
   }
   return o;
 }
 
 void giveUpStray(const Opened &o, int fd) noexcept {
-  TableLock t;
-  if (o.described)
-    closeStray(t, fd, o.st);
-  else
-    (void)sys().close(fd);
+  if (!o.described) {
+    (void)sys().close(fd);  // a file nobody can name: no lock of ours can be on it
+    return;
+  }
+  TableLock t(o.st);
+  closeStray(t, fd, o.st);
 }
 
 bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl, const FailureText &t,
@@ -305,7 +306,7 @@ QMStatus External::takeRecordLock(XVELMFileDescriptorp d) const {
   {
     // The process's lock on the file is the strongest its nodes need: the
     // table sends F_WRLCK or F_RDLCK only when that changes (never waiting).
-    TableLock t;
+    TableLock t(node->link);
     rc = setNeed(t, node->link, (R & QMELM_EXT_EXCLUSIVE) ? Need::Write : Need::Read, d->fd, req);
     err = errno;
   }

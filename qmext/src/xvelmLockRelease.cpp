@@ -32,7 +32,7 @@ using namespace xvelm::detail;
   {
     // Another node of the file may still need the write lock: the table
     // then sends nothing.
-    TableLock t;
+    TableLock t(node->link);
     rc = setNeed(t, node->link, Need::Read, fd, req);
   }
   if (rc == 0 || errno == EOPNOTSUPP || errno == EROFS || errno == EINVAL) {
@@ -161,7 +161,7 @@ int xvelmCloseFile(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
   // the file table keeps them open until the file's last need goes.
   QMStatus result = 0;
   {
-    TableLock table;
+    TableLock table(node->link);
     const int anyFd = f.ClosedFileDescriptorList != nullptr ? f.ClosedFileDescriptorList->fd : -1;
     if (!releaseNeed(table, node->link, anyFd)) {
       deferRecords(table, node->link, f.ClosedFileDescriptorList);

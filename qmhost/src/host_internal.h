@@ -68,6 +68,27 @@ class FailPoints {
   std::atomic<long> failAt_[QMHOST_FAIL_KINDS] = {};
 };
 
+// ---- shards ------------------------------------------------------------------
+
+// Registries and pools spread their objects over shards, each with its own
+// mutex, so that threads rarely meet on one. Before a fork every one of them
+// is held at once; ThreadSanitizer follows at most 64 mutexes held by one
+// thread, so its builds use a single shard (same behaviour, less spread).
+#if defined(__SANITIZE_THREAD__)
+#define QMHOST_ONE_SHARD 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define QMHOST_ONE_SHARD 1
+#endif
+#endif
+#ifdef QMHOST_ONE_SHARD
+inline constexpr size_t kRegistryShards = 1;
+inline constexpr size_t kPoolShards = 1;
+#else
+inline constexpr size_t kRegistryShards = 8;
+inline constexpr size_t kPoolShards = 16;
+#endif
+
 // ---- registries ----------------------------------------------------------
 
 // The live objects of one kind, owned by the host. take() hands an object
@@ -145,7 +166,7 @@ class Registry {
     mutable std::mutex m;
     std::unordered_map<T *, std::unique_ptr<T>> live;  // guarded by m
   };
-  static constexpr size_t kShards = 8;
+  static constexpr size_t kShards = kRegistryShards;
   Shard &shardOf(const void *obj) {
     auto v = reinterpret_cast<uintptr_t>(obj) >> 4;
     return shards_[(v ^ (v >> 9)) % kShards];
@@ -167,7 +188,7 @@ struct alignas(64) PoolShard {
 };
 
 struct Pool {
-  static constexpr size_t kShards = 16;
+  static constexpr size_t kShards = kPoolShards;
   QMPool pub;        // the table callers see
   Host *host;        // the host that made it
   std::string name;  // pub.generic.name points here
