@@ -6,12 +6,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdarg>
 #include <cstring>
 #include <fstream>
-#include <regex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -39,6 +40,16 @@ std::string U(const QMChar *s, size_t n) {
 }
 QMStrSize len(const std::vector<QMChar> &v) {
   return static_cast<QMStrSize>(v.size());
+}
+// Whether text has the shape of pattern, in which each '#' stands for one
+// digit. (Not <regex>: g++ 12 warns falsely inside it at -O2 with ASan.)
+bool shaped(const std::string &text, std::string_view pattern) {
+  if (text.size() != pattern.size()) return false;
+  for (size_t i = 0; i < text.size(); ++i)
+    if (pattern[i] == '#' ? !std::isdigit(static_cast<unsigned char>(text[i]))
+                          : text[i] != pattern[i])
+      return false;
+  return true;
 }
 
 // Variadic fronts for the journal's va_list entries.
@@ -434,8 +445,7 @@ TEST_F(Host, NlsRoundTripsAndRefusals) {
   QMChar dt[32];
   QMStrSize dn = 0;
   ASSERT_EQ(0, loc->datetimeFormat(loc, 1e9 + 0.25, QM_DATETIME_ISO8601, dt, 32, &dn));
-  EXPECT_TRUE(std::regex_match(U(dt, dn), std::regex(R"(200\d-\d\d-\d\dT\d\d:\d\d:\d\d\.250)")))
-      << U(dt, dn);
+  EXPECT_TRUE(shaped(U(dt, dn), "200#-##-##T##:##:##.250")) << U(dt, dn);
   EXPECT_EQ(QM_E_BUFFER_TOO_SMALL, loc->datetimeFormat(loc, 0, QM_DATETIME_ISO8601, dt, 23, &dn));
   EXPECT_EQ(QM_E_BAD_ARGUMENT, loc->datetimeFormat(loc, 0, 2, dt, 32, &dn));
   double now[2] = {0, 1};
