@@ -308,7 +308,13 @@ TEST(FileIdentity, RefusedHostMutexesAndMissingHostMembersNeverRunUnlocked) {
   EXPECT_EQ(host.lock(r, NX | EX, &rc), nullptr);
   EXPECT_STATUS(QMELM_E_NO_MEMORY, rc);
   host.failNth(QMHOST_FAIL_LOCK_CREATE, 0);
+  // qmioe, loaded by a new lock manager, fails to make its pool on the same
+  // table: the load fails cleanly instead of calling through a null member.
+  host.failNth(QMHOST_FAIL_POOL_CREATE, 2);
+  EXPECT_EQ(host.load(nullptr), nullptr);
+  host.failNth(QMHOST_FAIL_POOL_CREATE, 0);
   host.hndl->lastStatus = saved;
+
 
   // Null parameter blocks and status pointers.
   EXPECT_EQ(host.fn().LockGet(host.ext, nullptr, QMELM_RESOURCE_FILE, NX | EX, host.jnl, &rc),
@@ -322,6 +328,17 @@ TEST(FileIdentity, RefusedHostMutexesAndMissingHostMembersNeverRunUnlocked) {
   EXPECT_STATUS(QMELM_E_NULL_PARMS, host.fn().ReleaseMatch(host.ext, nullptr, host.jnl));
   EXPECT_STATUS(QMELM_E_NO_OPTIONS, host.fn().ReleaseLockOptions(host.ext, nullptr, host.jnl));
   EXPECT_EQ(host.liveBlocks(), blocks);
+
+  // Descriptors are opened with close-on-exec by open itself.
+  {
+    SyscallScope seam;
+    static int flagsSeen = 0;
+    seam.table().open = [](const char *p, int f, mode_t m) { return flagsSeen = f, ::open(p, f, m); };
+    QMELMLHndlp h = host.lock(r, NX | EX, &rc);
+    ASSERT_NE(h, nullptr);
+    EXPECT_TRUE(flagsSeen & O_CLOEXEC);
+    EXPECT_EQ(host.release(h), 0);
+  }
 }
 
 TEST(FileIdentity, TheClockNeverFollowsAHostThatIsGone) {
