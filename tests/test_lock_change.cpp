@@ -244,3 +244,44 @@ TEST(LockChange, BadRequestsChangeNothing) {
   EXPECT_STATUS(QMELM_E_DEAD_NODE, host.fn().LockChange(h, &r.parms, X, host.jnl));  // released
   EXPECT_EQ(host.release(hn), 0);
 }
+
+TEST(LockChange, FailedAllocationsAndOverlongMessagesLeaveEverythingAsItWas) {
+  TestHost host;
+  TempDir dir;
+  const std::string path = dir.file("f");
+  close(open(path.c_str(), O_CREAT | O_RDWR, 0644));
+  LockRequest ro(path, O_RDONLY), rw(path, O_RDWR);
+  int rc = 0;
+  QMELMLHndlp h = host.lock(ro, NX | ENX, &rc);
+  ASSERT_NE(h, nullptr);
+  const auto before = counts(h);
+  const QMMemSize type = h->Private.LockType;
+  const int fd = fileOf(h).FileDescriptor;
+  const size_t blocks = host.liveBlocks();
+  // The access-mode switch needs a descriptor record: its allocation fails.
+  host.failNth(QMHOST_FAIL_ALLOC, 1);
+  EXPECT_STATUS(QMELM_E_NO_MEMORY, host.fn().LockChange(h, &rw.parms, EX, host.jnl));
+  host.failNth(QMHOST_FAIL_ALLOC, 0);
+  EXPECT_EQ(counts(h), before);
+  EXPECT_EQ(h->Private.LockType, type);
+  EXPECT_EQ(fileOf(h).FileDescriptor, fd);
+  EXPECT_EQ(host.liveBlocks(), blocks);
+  EXPECT_EQ(openDescriptorsOf(path), 1);
+  EXPECT_EQ(host.release(h), 0);
+
+  // An internal conflict on a name too long for the conflict message's
+  // buffer: the message is given up, the status stands, nothing is written
+  // past the buffer (the sanitizer builds would see it).
+  std::string deep = dir.path();
+  for (int i = 0; i < 4; ++i) {
+    deep += "/" + std::string(200, static_cast<char>('a' + i));
+    ASSERT_EQ(mkdir(deep.c_str(), 0755), 0);
+  }
+  LockRequest a(deep + "/f"), b(deep + "/f");
+  QMELMLHndlp ha = host.lock(a, NX | NOE, &rc), hb = host.lock(b, NX | NOE, &rc);
+  ASSERT_NE(hb, nullptr);
+  host.clearJournal();
+  EXPECT_STATUS(QMELM_E_INT_LOCKED_SHARED, host.fn().LockChange(ha, &a.parms, X, host.jnl));
+  EXPECT_EQ(host.entryCount(), 0u);
+  for (QMELMLHndlp x : {ha, hb}) EXPECT_EQ(host.release(x), 0);
+}
