@@ -81,6 +81,40 @@ inline void uncountInternal(QMELMResLock &n, QMMemSize R, NodeTypeAfter after) {
   }
 }
 
+// What counting an external holder in asks of the record lock.
+enum class AcquireStep {
+  NoRecordLock,  // no external lock, or the process holds the record lock already
+  FirstHolder,   // the node's first external holder: it takes the record lock
+};
+
+// Counts a holder of type R in the external counters. Later holders only
+// count (the process holds the record lock already; arbitration between
+// threads is the internal lock's business); the node takes the first
+// holder's type, and loses 0x040 when a non-shared non-exclusive one joins.
+inline AcquireStep countExternal(QMELMResLock &n, QMMemSize R) {
+  if (R & kNoExternalAtAcquisition) {
+    ++n.noexternal_lock;
+    if (n.LockType == 0) n.LockType = R;
+    return AcquireStep::NoRecordLock;
+  }
+  if (R & QMELM_EXT_EXCLUSIVE) {
+    if (++n.ext_exclusive > 1) {
+      if (n.LockType == 0) n.LockType = R;
+      return AcquireStep::NoRecordLock;
+    }
+    return AcquireStep::FirstHolder;
+  }
+  ++n.ext_nonexclusive;
+  if (n.ext_exclusive != 0 || n.ext_nonexclusive > 1) {
+    if (n.LockType == 0)
+      n.LockType = R;
+    else if ((n.LockType & QMELM_SHARED) && !(R & QMELM_SHARED))
+      n.LockType &= ~QMMemSize{QMELM_SHARED};
+    return AcquireStep::NoRecordLock;
+  }
+  return AcquireStep::FirstHolder;
+}
+
 // Which bits decide that a holder took no external lock.
 enum class ExternalRule {
   Acquisition,  // 0x020 or 0x080

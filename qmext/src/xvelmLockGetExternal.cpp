@@ -272,32 +272,10 @@ QMStatus External::openFailed(XVELMFileDescriptorp rec, int err) const {
   return fail(st, nullptr);
 }
 
-// Counts the external holder; the first one of the process takes the record
-// lock, later ones only count (the process holds it already; arbitration
-// between threads is the internal lock's business).
+// Counts the external holder; the node's first one takes the record lock.
 QMStatus External::countExternal(XVELMFileDescriptorp d) const {
-  QMELMResLock &n = res();
-  if (R & kNoExternalAtAcquisition) {
-    ++n.noexternal_lock;
-    if (n.LockType == 0) n.LockType = R;
-    return 0;
-  }
-  if (R & QMELM_EXT_EXCLUSIVE) {
-    if (++n.ext_exclusive > 1) {
-      if (n.LockType == 0) n.LockType = R;
-      return 0;
-    }
-    return takeRecordLock(d);
-  }
-  ++n.ext_nonexclusive;
-  if (n.ext_exclusive != 0 || n.ext_nonexclusive > 1) {
-    if (n.LockType == 0)
-      n.LockType = R;
-    else if ((n.LockType & QMELM_SHARED) && !(R & QMELM_SHARED))
-      n.LockType &= ~QMMemSize{QMELM_SHARED};
-    return 0;
-  }
-  return takeRecordLock(d);
+  if (xvelm::detail::countExternal(res(), R) == AcquireStep::FirstHolder) return takeRecordLock(d);
+  return 0;
 }
 
 QMStatus External::takeRecordLock(XVELMFileDescriptorp d) const {
