@@ -24,11 +24,7 @@ namespace {
 constexpr QMMemSize kRecords = 10000;
 constexpr int kFilesPerDir = 50;
 
-std::string statusText(const char *what, int rc) {
-  char buf[96];
-  std::snprintf(buf, sizeof buf, "%s: status 0x%08x", what, static_cast<unsigned>(rc));
-  return buf;
-}
+using qmbench::statusText;
 
 // A host holding kRecords closed I/O records: 100 acquisitions of each of
 // 100 files, d1/f00 .. d1/f49 and d2/f00 .. d2/f49.

@@ -27,11 +27,7 @@ constexpr QMMemSize kJoinerFail = kJoiner | QMELM_OPT_FAIL;          // 0x14a
 constexpr size_t kPoolFiles = 1000;
 constexpr size_t kPoolNameLen = 40;
 
-std::string statusText(const char *what, int rc) {
-  char buf[96];
-  std::snprintf(buf, sizeof buf, "%s: status 0x%08x", what, static_cast<unsigned>(rc));
-  return buf;
-}
+using qmbench::statusText;
 
 std::string hexType(QMMemSize t) {
   char buf[16];

@@ -25,6 +25,13 @@
 
 namespace qmbench {
 
+// "what: status 0x........" for a benchmark's error.
+inline std::string statusText(const char *what, int rc) {
+  char buf[96];
+  std::snprintf(buf, sizeof buf, "%s: status 0x%08x", what, static_cast<unsigned>(rc));
+  return buf;
+}
+
 // A host with the lock manager loaded, or null when it could not be made.
 inline std::unique_ptr<qmtest::TestHost> makeHost(qmtest::HostOptions o = {}) {
   try {

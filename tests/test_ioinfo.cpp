@@ -8,19 +8,6 @@
 
 using namespace locktest;
 
-namespace {
-QMELMIOStats stats(QMIOSize bytes) {
-  QMELMIOStats s{};
-  s.bytesRead = bytes;
-  s.bytesWritten = 2 * bytes;
-  s.reads = s.writes = s.seeks = 1;
-  return s;
-}
-int reset(TestHost &host) {
-  QMELMResetIOInfoParms p{};
-  return host.fn().ResetIOInfo(host.ext, &p, nullptr);
-}
-}  // namespace
 
 TEST(IOInfo, NewestRecordTakesUpdatesAndClosesResetForgets) {
   for (QMIOByteCountKind kind : {QMIO_ByteCount_Default, QMIO_ByteCount_None}) {
@@ -28,7 +15,7 @@ TEST(IOInfo, NewestRecordTakesUpdatesAndClosesResetForgets) {
     TempDir dir;
     LockRequest r(dir.file("f"));
     int rc = 0;
-    QMELMIOStats s = stats(5);
+    QMELMIOStats s = ioIncrement(5);
     QMELMLHndlp h = host.lock(r, NX | ENX, &rc);
     EXPECT_EQ(host.fn().UpdateIOInfo(h, &s, nullptr) + host.release(h), 0);
     EXPECT_EQ(host.ext->IOInfo, nullptr);
@@ -41,7 +28,7 @@ TEST(IOInfo, NewestRecordTakesUpdatesAndClosesResetForgets) {
   QMELMIOInfop newer = host.ext->IOInfo, older = newer->next;
   ASSERT_EQ(host.ext->numIOInfo, 2u);
   EXPECT_EQ(utf8(older->Name, older->NameLen), dir.file("f"));
-  QMELMIOStats s = stats(10);
+  QMELMIOStats s = ioIncrement(10);
   EXPECT_EQ(host.fn().UpdateIOInfo(h1, &s, nullptr), 0);  // any handle: the newest record
   EXPECT_EQ(newer->numBytesWritten + older->numReads, 20);
   EXPECT_EQ(host.release(h1), 0);
@@ -49,7 +36,7 @@ TEST(IOInfo, NewestRecordTakesUpdatesAndClosesResetForgets) {
   EXPECT_EQ(older->closeTime, -1.0);
 
   // The closed record leaves the list but stays with its living node.
-  EXPECT_EQ(reset(host), 0);
+  EXPECT_EQ(resetIO(host), 0);
   EXPECT_EQ(host.ext->IOInfo, older);
   EXPECT_EQ(host.ext->numIOInfo, 1u);
   EXPECT_EQ(host.fn().UpdateIOInfo(h2, &s, nullptr), 0);
@@ -63,7 +50,7 @@ TEST(IOInfo, NewestRecordTakesUpdatesAndClosesResetForgets) {
   for (QMELMLHndlp h : {h2, h3}) EXPECT_EQ(host.release(h), 0);
   QMELMLHndlp hg = host.lock(d, NX | ENX, &rc);  // destroys the dead node
   older->closeTime = 0.0;                        // exactly 0.0 counts as closed
-  EXPECT_EQ(reset(host), 0);
+  EXPECT_EQ(resetIO(host), 0);
   EXPECT_EQ(host.ext->numIOInfo, 1u);
   EXPECT_EQ(utf8(host.ext->IOInfo->Name, host.ext->IOInfo->NameLen), dir.file("g"));
   EXPECT_EQ(host.release(hg), 0);
@@ -86,7 +73,7 @@ TEST(IOInfo, UpdatesRaceWithResetsAndLockTraffic) {
       LockRequest r(files[(seed + i) % 3]);
       int st = 0;
       QMELMLHndlp h = get(host, r, NX | ENX, &st, nullptr);
-      QMELMIOStats s = stats(1);
+      QMELMIOStats s = ioIncrement(1);
       for (int k = 0; h != nullptr && k < 5; ++k)
         failures += host.fn().UpdateIOInfo(h, &s, nullptr);
       failures += h == nullptr || host.fn().LockRelease(h, nullptr, nullptr) != 0;
@@ -94,11 +81,11 @@ TEST(IOInfo, UpdatesRaceWithResetsAndLockTraffic) {
   };
   std::thread lockers[] = {std::thread(locker, 0), std::thread(locker, 1)};
   std::thread updater([&] {
-    QMELMIOStats s = stats(3);
+    QMELMIOStats s = ioIncrement(3);
     while (!stop) failures += host.fn().UpdateIOInfo(keep, &s, nullptr);
   });
   std::thread resetter([&] {
-    while (!stop) failures += reset(host);
+    while (!stop) failures += resetIO(host);
   });
   for (auto &t : lockers) t.join();
   stop = true;
@@ -107,7 +94,7 @@ TEST(IOInfo, UpdatesRaceWithResetsAndLockTraffic) {
 
   EXPECT_EQ(failures, 0);
   EXPECT_EQ(host.release(keep), 0);
-  EXPECT_EQ(reset(host), 0);
+  EXPECT_EQ(resetIO(host), 0);
   QMMemSize listed = 0;
   for (QMELMIOInfop r = host.ext->IOInfo; r != nullptr; r = r->next, ++listed)
     EXPECT_EQ(r->prev == nullptr, r == host.ext->IOInfo);

@@ -17,14 +17,6 @@ using namespace locktest;
 
 namespace {
 
-// bytesRead identifies a record (a power of two each); bytesWritten is twice it.
-QMELMIOStats increment(QMIOSize n) {
-  QMELMIOStats s{};
-  s.bytesRead = n;
-  s.bytesWritten = 2 * n;
-  s.reads = s.writes = s.seeks = 1;
-  return s;
-}
 
 // A selection that owns its paths (empty: not given).
 struct Query {
@@ -56,10 +48,6 @@ std::optional<std::vector<QMELMByFileIOStats>> listed(TestHost &host, Query &q) 
   return out;
 }
 
-int reset(TestHost &host) {
-  QMELMResetIOInfoParms p{};
-  return host.fn().ResetIOInfo(host.ext, &p, nullptr);
-}
 
 // Records newest first E, C, B, A3, A2, A1 (bytesRead 32 .. 1) in d1, d2 and
 // d1x, a sibling of d1 that d1 is a prefix of. A2 was closed and its
@@ -75,7 +63,7 @@ struct Scene {
     auto take = [&](LockRequest &r, QMIOSize n) {
       int rc = 0;
       QMELMLHndlp h = host.lock(r, NX | ENX, &rc);
-      QMELMIOStats s = increment(n);
+      QMELMIOStats s = ioIncrement(n);
       EXPECT_EQ(rc + host.fn().UpdateIOInfo(h, &s, nullptr), 0);
       return h;
     };
@@ -233,7 +221,7 @@ TEST(IOInfoQuery, ReportWritesEveryRecord) {
   int rc = 0;
   QMELMLHndlp hw = host.lock(w, NX | ENX, &rc), hr = host.lock(r, NX | ENX, &rc),
               hc = host.lock(c, NX | ENX, &rc);
-  QMELMIOStats inc = increment(5);
+  QMELMIOStats inc = ioIncrement(5);
   ASSERT_EQ(rc + host.fn().UpdateIOInfo(hc, &inc, nullptr) + host.release(hw), 0);
   host.ext->IOInfo->next->openTime = 0.0;  // as a reused descriptor leaves it
 
@@ -293,7 +281,7 @@ TEST(IOInfoQuery, QueriesAndReportsRaceWithUpdatesResetsAndLocking) {
       LockRequest r(files[(seed + i) % 4]);
       int st = 0;
       QMELMLHndlp h = get(host, r, NX | ENX, &st, nullptr);
-      QMELMIOStats s = increment(1 + i % 7);
+      QMELMIOStats s = ioIncrement(1 + i % 7);
       for (int k = 0; h != nullptr && k < 3; ++k)
         failures += host.fn().UpdateIOInfo(h, &s, nullptr);
       failures += h == nullptr || host.fn().LockRelease(h, nullptr, nullptr) != 0;
@@ -320,7 +308,7 @@ TEST(IOInfoQuery, QueriesAndReportsRaceWithUpdatesResetsAndLocking) {
                            std::thread(querier, true),
                            std::thread(querier, false),
                            std::thread([&] {
-                             while (lockersLeft > 0) failures += reset(host);
+                             while (lockersLeft > 0) failures += resetIO(host);
                            }),
                            std::thread([&] {
                              QMELMJnlIOInfoParms jp{};
@@ -334,7 +322,7 @@ TEST(IOInfoQuery, QueriesAndReportsRaceWithUpdatesResetsAndLocking) {
   EXPECT_GT(qmhost_journal_count(reportJnl), 0u);
   Query all(true);
   QMELMGetIOInfoParms g{};
-  EXPECT_EQ(reset(host) + getInfo(host, all, g), 0);
+  EXPECT_EQ(resetIO(host) + getInfo(host, all, g), 0);
   EXPECT_EQ(g.numEntries, host.ext->numIOInfo);
   EXPECT_EQ(host.stats().bad_frees, 0u);
   reportJnl->generic.destroy(reportJnl);
@@ -374,7 +362,7 @@ TEST(IOInfoQuery, ChildOfAForkFreesDespiteTheParentsReaders) {
   if (pid == 0) {
     alarm(10);  // a child that waits for ever is killed, and fails
     const QMMemSize before = host.ext->numIOInfo;
-    _exit(reset(host) == 0 && host.ext->numIOInfo == before - 1 ? 0 : 1);
+    _exit(resetIO(host) == 0 && host.ext->numIOInfo == before - 1 ? 0 : 1);
   }
   int st = -1;
   waitpid(pid, &st, 0);

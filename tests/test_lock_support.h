@@ -61,6 +61,22 @@ inline std::pair<size_t, size_t> footprint(TestHost &host, const std::string &ot
   return {host.stats().pool_blocks, host.stats().mutexes};
 }
 
+// I/O increments that identify a record: bytesRead n (a power of two each),
+// bytesWritten 2n, one read, write and seek.
+inline QMELMIOStats ioIncrement(QMIOSize n) {
+  QMELMIOStats s{};
+  s.bytesRead = n;
+  s.bytesWritten = 2 * n;
+  s.reads = s.writes = s.seeks = 1;
+  return s;
+}
+
+// ResetIOInfo of every record.
+inline int resetIO(TestHost &host) {
+  QMELMResetIOInfoParms p{};
+  return host.fn().ResetIOInfo(host.ext, &p, nullptr);
+}
+
 // Another process holding a record lock on path until this object goes: this
 // library in a forked child (the parent is single-threaded here), or with
 // type 0 an independent Python client. Returns once the child said "locked".
