@@ -49,11 +49,13 @@ clang: | deps
 	CXX=clang++ CC=clang $(CMAKE) -S . -B build-clang -DCMAKE_BUILD_TYPE=Debug -DQMELM_THREAD_SAFETY=ON $(OWN)
 	$(CMAKE) --build build-clang -j$(JOBS)
 
-# The Google Benchmark programs.
+# The Google Benchmark programs, then qmlock run against util-linux flock(1).
 bench: | deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release $(OWN)
 	$(CMAKE) --build build-bench -j$(JOBS)
 	@for b in build-bench/bin/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 --benchmark_repetitions=3 --benchmark_report_aggregates_only=true || exit 1; done
+	@echo "== bench/run_vs_flock.sh"
+	@./bench/run_vs_flock.sh build-bench/bin/qmlock
 
 clean:
 	rm -rf build build-asan build-tsan build-clang build-bench

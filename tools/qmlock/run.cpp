@@ -620,7 +620,14 @@ int runFile(const Voice &v, const Request &req) {
   if (a.conflict()) return conflictExit(v, req, req.file, holderDescription(a.got.result));
   if (!a.got.result) return fileFailure(v, req, a.got.result);
   reportTime(v, req, start);
-  return runCommand(v, req, a.got.value.fd());
+  const int status = runCommand(v, req, a.got.value.fd());
+  // COMMAND has ended: give the lock back, then leave without unloading the
+  // lock manager and the host, which would take longer than all the rest of
+  // qmlock's own work; the process's end frees what they hold.
+  (void)a.got.value.release();
+  std::fflush(stdout);
+  std::fflush(stderr);
+  _exit(status);
 }
 
 }  // namespace
