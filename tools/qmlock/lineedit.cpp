@@ -36,10 +36,10 @@ class RawMode {
     raw.c_iflag &= ~static_cast<tcflag_t>(IXON | ICRNL);
     raw.c_cc[VMIN] = 1;
     raw.c_cc[VTIME] = 0;
-    active_ = tcsetattr(fd_, TCSAFLUSH, &raw) == 0;
+    active_ = tcsetattr(fd_, TCSADRAIN, &raw) == 0;
   }
   ~RawMode() {
-    if (active_) tcsetattr(fd_, TCSAFLUSH, &saved_);
+    if (active_) tcsetattr(fd_, TCSADRAIN, &saved_);
   }
   RawMode(const RawMode &) = delete;
   RawMode &operator=(const RawMode &) = delete;
