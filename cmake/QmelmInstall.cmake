@@ -1,0 +1,53 @@
+# What `cmake --install` puts under a prefix:
+#   lib/      libqmhost.so, libqmelm.so, libqmioe.so, libqmhostcm.so (one
+#             directory: the host finds the extensions beside itself)
+#   include/qmelm/        the public C headers, and qmhost/qmhost.h and the
+#                         C++ API qmhost/qmelm.hpp (-I<prefix>/include/qmelm)
+#   bin/qmlock, libexec/qmelm/flock (qmlock under the name flock(1); put that
+#             directory first on PATH to have scripts use it)
+#   lib/cmake/qmelm/      the CMake package: find_package(qmelm) gives the
+#                         imported targets qmelm::qmhost, qmelm::qmelm,
+#                         qmelm::qmhostcm and qmelm::headers
+#   lib/pkgconfig/qmelm.pc
+# Every file refers to the others by relative paths, so the tree can be moved.
+# Nothing of the project's own warning flags (-Werror) reaches a consumer.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(QMELM_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/qmelm)
+set(QMELM_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/qmelm)
+
+install(TARGETS qmhost qmhostcm qmelm qmioe LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS qmlock RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+file(RELATIVE_PATH _qmelm_bin_to_lib /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
+set_target_properties(qmlock PROPERTIES INSTALL_RPATH "$ORIGIN/${_qmelm_bin_to_lib}")
+
+file(RELATIVE_PATH _qmelm_libexec_to_qmlock /prefix/${CMAKE_INSTALL_LIBEXECDIR}/qmelm
+     /prefix/${CMAKE_INSTALL_BINDIR}/qmlock)
+install(CODE "
+  set(_dir \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBEXECDIR}/qmelm\")
+  file(MAKE_DIRECTORY \"\${_dir}\")
+  message(STATUS \"Installing: \${_dir}/flock -> ${_qmelm_libexec_to_qmlock}\")
+  file(CREATE_LINK \"${_qmelm_libexec_to_qmlock}\" \"\${_dir}/flock\" SYMBOLIC)")
+
+file(GLOB _qmelm_headers
+     ${PROJECT_SOURCE_DIR}/qmpublic/public/h/*.h
+     ${PROJECT_SOURCE_DIR}/qmext/h/*.h
+     ${PROJECT_SOURCE_DIR}/qmhostcm/include/*.h)
+install(FILES ${_qmelm_headers} DESTINATION ${QMELM_INSTALL_INCLUDEDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/qmhost/include/qmhost DESTINATION ${QMELM_INSTALL_INCLUDEDIR})
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/qmelmConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/cmake/qmelmConfig.cmake
+  INSTALL_DESTINATION ${QMELM_INSTALL_CMAKEDIR}
+  PATH_VARS QMELM_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/cmake/qmelmConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/cmake/qmelmConfig.cmake
+              ${PROJECT_BINARY_DIR}/cmake/qmelmConfigVersion.cmake
+        DESTINATION ${QMELM_INSTALL_CMAKEDIR})
+
+file(RELATIVE_PATH QMELM_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" QMELM_PC_TO_PREFIX "${QMELM_PC_TO_PREFIX}")
+configure_file(${CMAKE_CURRENT_LIST_DIR}/qmelm.pc.in ${PROJECT_BINARY_DIR}/cmake/qmelm.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/cmake/qmelm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
