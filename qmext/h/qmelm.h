@@ -14,8 +14,8 @@
  * Journals: every jnl argument may be null (nothing is reported). With a
  * journal, a failure writes one message (severity 4, QMSeverityError, unless an
  * entry says otherwise). The environment variable QMELM_DEBUG_VERBOSE_ERRORS,
- * when set, makes lock get and release report to the host's own journal when
- * the caller passed none.
+ * when set, makes lock get, change and release report to the host's own
+ * journal when the caller passed none.
  *
  * Ownership: handles belong to the caller from LockGet until LockRelease frees
  * them. Snapshots and match results stay allocated in the extension's pool
@@ -433,106 +433,351 @@ typedef struct XVELM_EXTENSION_S {
 
 /* ---- entry points ----------------------------------------------------- */
 
-/* The factory: builds the extension for a host, or returns null (journaling
-   QMELM_E_CREATE_FAILED to jnl when the pool or the object could not be made). */
+/*
+ * Every entry below is also a slot of ext->Functions (the factory, destroy
+ * and the version answers are in ext->Common) and is documented once, here.
+ * Conventions that hold for all of them unless an entry says otherwise:
+ *
+ * - Threads: any thread may call any entry at any time between the factory
+ *   and destroy; no call waits for another holder of a lock. A handle made
+ *   before fork() does nothing in the child (QMELM_E_FORKED_HANDLE).
+ * - Journals: jnl may be null. A failure is journaled to it once, at
+ *   severity 4 (QMSeverityError); without a journal nothing is allocated for
+ *   messages. For LockGet, LockChange and LockRelease the environment
+ *   variable QMELM_DEBUG_VERBOSE_ERRORS, when set, sends the messages to the
+ *   host's own journal (hndl->qmjnl) when jnl is null.
+ * - Memory: everything the extension hands out comes from its pool and stays
+ *   valid until the entry named for giving it back, or until destroy.
+ * - Statuses: 0 is success; the codes are those of qmelmmsg.h and, passed on
+ *   unchanged, the host's (qmtypes.h: QM_E_*).
+ */
+
+/**
+ * @brief The factory: builds the lock manager for a host.
+ *
+ * The host's loader calls it once it has checked qmextent and qmextver.
+ * It makes the pool "qmelm pool" and the object in it, the mutexes, the
+ * transcoding pipelines, loads "qmioe", and seeds the option table with
+ * "/" -> QMELM_Fail.
+ * @param[in] hndl The host kernel handle; it must outlive the extension.
+ * @param[in] jnl  A journal for the factory's failures, or null.
+ * @return The extension (a QMELMExtension), the caller's until destroy; or
+ *         null: QMELM_E_CREATE_FAILED journaled when the pool or the object
+ *         could not be made, otherwise the failing host call's status is in
+ *         hndl->lastStatus() (a mutex, a pipeline, qmioe not loadable).
+ *         Whatever was made before a failure is given back.
+ * Threads: one call per extension object; several objects may live at once.
+ */
 QM_EXPORT QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) QM_NOEXCEPT;
-/* Destroys the extension and everything allocated in its pool; returns 0. */
+
+/**
+ * @brief Destroys the extension and everything allocated in its pool.
+ *
+ * Resets the I/O records, closes the descriptors of every node still alive
+ * (dropping their record locks), forgets the handles not released (a later
+ * LockRelease or LockChange of one answers QMELM_E_DEAD_NODE without touching
+ * freed memory), unloads qmioe, and destroys the pool. Snapshots, matches and
+ * I/O lists not yet given back go with the pool.
+ * @param[in] ext The extension; not to be used afterwards.
+ * @return 0.
+ * Threads: no other call on ext may run or follow.
+ */
 QM_EXPORT QMStatus qmelmdestroy(QMExtensionh ext) QM_NOEXCEPT;
-/* Interface versions: required 7.1.1, own 7.2.1. */
+
+/**
+ * @brief The interface versions: the host's that the lock manager requires
+ *        (7.1.1), and its own (7.2.1).
+ * @param[in]  ext   Not used (may be null).
+ * @param[out] a,b,c The version's three numbers; none may be null.
+ * @return 0. Any thread.
+ */
 QM_EXPORT QMStatus qmelmgetreqversion(QMExtensionh ext, int *a, int *b, int *c) QM_NOEXCEPT;
 QM_EXPORT QMStatus qmelmgetversion(QMExtensionh ext, int *a, int *b, int *c) QM_NOEXCEPT;
-/* Loader entries: remember the host handle; qmextver reports 7.1. */
+
+/**
+ * @brief The loader entries, called before the factory: both remember the
+ *        host handle (for the clock); qmextver reports the loader interface
+ *        7.1 in *major and *minor (neither may be null).
+ * @return 0.
+ */
 QM_EXPORT QMStatus qmextent(QMHndlp hndl) QM_NOEXCEPT;
 QM_EXPORT QMStatus qmextver(QMHndlp hndl, int *major, int *minor) QM_NOEXCEPT;
 
-/*
- * LockGet: locks the file lockParms (an XVELMFileLockParms) names with
- * lockType for the calling host component. resType must be 1. Returns the
- * handle and *qmrc 0, or null with the status in *qmrc and AcquiredLockType 0.
- * Refusals are immediate: QMELM_E_INT_* for holders in this process,
- * QMELM_E_EXT_* (with LockerPID) for other processes.
+/**
+ * @brief LockGet: locks a file for the caller, at once or not at all.
+ *
+ * The internal part of lockType is arbitrated between the holders of this
+ * process by counts; the external part is the process's one fcntl record
+ * lock on the whole file (F_SETLK, never F_SETLKW). A type without an option
+ * bit and without QMELM_NOEXTERNAL_LOCK takes the option the table matches
+ * for the file. Two names of one file are two resources here, but the
+ * process's record lock on the file is shared by both, and the strongest any
+ * of them needs is held.
+ * @param[in]     ext       The extension.
+ * @param[in,out] lockParms An XVELMFileLockParms. In: Filename (not
+ *        terminated; copied, so it need not outlive the call), FilenameLen,
+ *        OpenFlags and PermissionsMask (as for open(2); the descriptor is made
+ *        close-on-exec), Flags, enc_pathname. Out: AcquiredLockType (the
+ *        type granted, option bit included; 0 after any failure), Errno (the
+ *        failed system call's errno), LockerPID and SystemID (the holder of a
+ *        conflicting record lock: its PID, or -1 for an open-file-description
+ *        lock). The out fields are cleared first.
+ * @param[in]  resType  QMELM_RESOURCE_FILE (1).
+ * @param[in]  lockType The lock type (QMELM_INT_*, QMELM_EXT_*, ...).
+ * @param[in]  jnl      A journal, or null.
+ * @param[out] qmrc     The status; must not be null (the call is refused,
+ *                      and journaled, when it is).
+ * @return The handle, the caller's until LockRelease frees it (also on a
+ *         failed release); its Public.ResourceHandle is an XVELMFileHandle
+ *         whose FileDescriptor is the lock's descriptor: the lock manager's,
+ *         never to be closed by the caller (closing any descriptor of the file
+ *         drops the process's record locks on it). Null on failure, with
+ *         *qmrc one of:
+ *   - QMELM_E_BAD_RESOURCE_TYPE, QMELM_E_NULL_PARMS (lockParms null),
+ *     QMELM_E_INVALID_LOCKTYPE, QMELM_E_NAME_HAS_NUL (the name holds U+0000:
+ *     nothing is opened), QMELM_E_NO_MEMORY, QMELM_E_LOCKGET_SETUP (no
+ *     pipeline for enc_pathname), a host status (transcoding, mutexes);
+ *   - held by another holder of this process: QMELM_E_INT_LOCKED_EXCLUSIVE,
+ *     QMELM_E_INT_LOCKED_SHARED, QMELM_E_INT_SHARE_CONFLICT;
+ *   - held by another process: QMELM_E_EXT_LOCKED_EXCLUSIVE (it holds a write
+ *     lock), QMELM_E_EXT_LOCKED_SHARED (a read lock, and an exclusive lock
+ *     was asked for), QMELM_E_EXT_LOCK_FAILED (the holder went away, or the
+ *     file was replaced between its open and its lock: Errno EAGAIN; or the
+ *     record lock failed otherwise: Errno says why);
+ *   - the open failed: QMELM_E_FILE_NOT_FOUND, QMELM_E_PATH_NOT_FOUND,
+ *     QMELM_E_ACCESS_DENIED, QMELM_E_FILE_EXISTS, QMELM_E_TOO_MANY_FILES,
+ *     QMELM_E_OS_NO_MEMORY, QMELM_E_EXT_LOCK_FAILED (ETXTBSY),
+ *     QMELM_E_OPEN_FAILED (any other errno), with Errno set.
+ * A failed request leaves no handle and no lock taken (a resource node made
+ * for it is removed by a later request).
  */
 QM_EXPORT QMELMLHndlp qmelmlockget(QMELMExtensionp ext, QMMemPtr lockParms, QMMemSize resType,
                                    QMMemSize lockType, QMJnlh jnl, int *qmrc) QM_NOEXCEPT;
-/* LockRelease: ends a handle (freed here); lockParms may be null. The last
-   holder's release closes the file and deletes it when Flags asks for it.
-   QMELM_E_NULL_HANDLE, QMELM_E_DEAD_NODE for a handle no longer live. */
+
+/**
+ * @brief LockRelease: ends a handle and frees it.
+ *
+ * The last holder of a resource closes its descriptors (dropping the record
+ * lock, unless another name of the file still needs it) and, when Flags of
+ * this release asks for it, deletes the file. When the last exclusive
+ * external holder leaves non-exclusive ones, the record lock becomes a read
+ * lock.
+ * @param[in]     lock      The handle; freed by this call, whatever the
+ *                          status, except for QMELM_E_NULL_HANDLE,
+ *                          QMELM_E_DEAD_NODE, QMELM_E_FORKED_HANDLE and a
+ *                          status of the node's mutex (it stays the
+ *                          caller's, unchanged).
+ * @param[in,out] lockParms An XVELMFileLockParms or null. In: Flags
+ *        (QMELM_FLAG_DELETE_ON_CLOSE: the last releaser's wish decides),
+ *        Filename and FilenameLen for messages. Out, when the downgrade is
+ *        refused: Errno, LockerPID, SystemID.
+ * @param[in] jnl A journal, or null.
+ * @return 0; QMELM_E_NULL_HANDLE; QMELM_E_DEAD_NODE (released already, or
+ *         its extension destroyed); QMELM_E_FORKED_HANDLE (made before this
+ *         process was forked); QMELM_E_EXT_LOCK_FAILED (the downgrade to a
+ *         read lock was refused; 0 instead when the type has
+ *         QMELM_OPT_CONTINUE); QMELM_E_CLOSE_FAILED; QMELM_E_UNLINK_FAILED;
+ *         or a pool or mutex status.
+ */
 QM_EXPORT int qmelmlockrelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) QM_NOEXCEPT;
+
+/**
+ * @brief LockChange: changes a held lock's type: exclusive to non-exclusive
+ *        and back, shared or not, internally and externally.
+ *
+ * The counts are changed on copies and committed, with the record lock, only
+ * when every step succeeded: a refused change leaves the handle, its node
+ * and the record lock as they were. Only the internal and external parts can
+ * change (not the option bits, QMELM_NOINTERNAL_LOCK or QMELM_NOEXTERNAL_LOCK,
+ * nor a part the handle was granted as "no lock").
+ * @param[in]     lock        A live handle of this process.
+ * @param[in,out] lockParms   An XVELMFileLockParms, not null. In: OpenFlags
+ *        (a descriptor of that access mode is taken when it differs from the
+ *        handle's: a parked one with equal flags, or a new open with
+ *        PermissionsMask); Filename and FilenameLen for messages. Out:
+ *        AcquiredLockType (the new type; 0 after a failure), and on a refused
+ *        record lock Errno, LockerPID, SystemID as for LockGet.
+ * @param[in]     newLockType The type asked for.
+ * @param[in]     jnl         A journal, or null.
+ * @return 0; QMELM_E_NULL_HANDLE; QMELM_E_NULL_PARMS; QMELM_E_DEAD_NODE;
+ *         QMELM_E_FORKED_HANDLE; QMELM_E_INVALID_LOCKTYPE;
+ *         QMELM_E_CHANGE_NOT_ALLOWED; an internal conflict
+ *         (QMELM_E_INT_LOCKED_EXCLUSIVE, _INT_LOCKED_SHARED,
+ *         _INT_SHARE_CONFLICT); an open status of LockGet; QMELM_E_NO_MEMORY;
+ *         a refused record lock (QMELM_E_EXT_LOCKED_EXCLUSIVE, _SHARED,
+ *         _EXT_LOCK_FAILED; with QMELM_OPT_CONTINUE in the type an
+ *         undetermined refusal commits instead); or a mutex status.
+ * Threads: any, but one handle is changed or released by one thread at a time.
+ */
 QM_EXPORT int qmelmlockchange(QMELMLHndlp lock, QMMemPtr lockParms, QMMemSize newLockType,
                               QMJnlh jnl) QM_NOEXCEPT;
-/* SetLockOption: stores parms->option for parms->path (null: "/"), or with
-   QMELM_Reset removes the path and every entry below it. */
+
+/**
+ * @brief SetLockOption: stores parms->option for a path, or with QMELM_Reset
+ *        removes the path's entry and every entry below it.
+ *
+ * The table's key is the full path qmioe resolves (absolute, ".", ".." and
+ * repeated slashes resolved, no symbolic links followed). A second set of
+ * one full path changes only its option. Resetting "/" (or a null path)
+ * leaves exactly "/" -> QMELM_Fail; a partial reset never removes "/".
+ * @param[in] ext   The extension.
+ * @param[in] parms In: path (null: "/"; copied), pathlen, option,
+ *                  enc_pathname. Not changed.
+ * @param[in] jnl   A journal, or null.
+ * @return 0; QMELM_E_NULL_PARMS; QMELM_E_INVALID_OPTION (not Fail, None,
+ *         Continue or Reset); QMELM_E_OPTION_NOT_FOUND (a reset that matched
+ *         nothing; journaled at severity 2); QMELM_E_NO_MEMORY; qmioe's status
+ *         when the path cannot be resolved (QM_E_BAD_PATH, QM_E_UNMAPPABLE,
+ *         ...); or a pool status.
+ */
 QM_EXPORT int qmelmsetlockoption(QMELMExtensionp ext, QMELMSetOptionParms *parms,
                                  QMJnlh jnl) QM_NOEXCEPT;
-/* GetLockOptions: a deep copy of the table, the caller's until ReleaseLockOptions. */
+
+/**
+ * @brief GetLockOptions: a deep copy of the option table, in table order,
+ *        made under the table's mutex (one consistent state).
+ * @param[in]  ext   The extension.
+ * @param[out] parms optionTable (an array of NumOptions entries, each with
+ *                   its own strings) and NumOptions; the caller's until
+ *                   ReleaseLockOptions. Unchanged on failure.
+ * @param[in]  jnl   A journal, or null.
+ * @return 0; QMELM_E_NULL_PARMS; QMELM_E_NO_MEMORY (what was copied so far
+ *         stays in the pool until destroy).
+ */
 QM_EXPORT int qmelmgetlockoptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms,
                                   QMJnlh jnl) QM_NOEXCEPT;
+
+/**
+ * @brief ReleaseLockOptions: frees a snapshot of GetLockOptions.
+ * @param[in] parms The snapshot; its fields are not cleared, so it must not
+ *                  be released twice.
+ * @return 0; QMELM_E_NO_OPTIONS (null parms, null table or NumOptions 0:
+ *         nothing is freed); or the status of the first free that failed
+ *         (the rest is not freed).
+ * Threads: any; takes no mutex (the snapshot is the caller's alone).
+ */
 QM_EXPORT int qmelmreleaselockoptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms,
                                       QMJnlh jnl) QM_NOEXCEPT;
-/* MatchOption: the option of the longest directory prefix of the path's full
-   path that has an entry (the root's otherwise); copies until ReleaseMatch. */
+
+/**
+ * @brief MatchOption: the option that governs a path: that of the entry whose
+ *        full path is the longest directory prefix of the path's full path
+ *        ("/a" governs "/a/b", not "/ab"), or the root's.
+ * @param[in,out] parms In: path (required), pathlen (non-zero),
+ *        enc_pathname. Out: option (QMELM_Unknown until a match is made),
+ *        fullpath (the resolved path) and matchpath/matchpathlen (the
+ *        entry's full path), both pool copies, the caller's until
+ *        ReleaseMatch. fullpathlen is never written.
+ * @return 0; QMELM_E_NULL_PARMS; QMELM_E_NO_PATH; QMELM_E_NO_MEMORY;
+ *         qmioe's status when the path cannot be resolved. After a failure
+ *         the copies made so far are still in parms: give them back with
+ *         ReleaseMatch too.
+ */
 QM_EXPORT int qmelmmatchoption(QMELMExtensionp ext, QMELMMatchOptionParms *parms,
                                QMJnlh jnl) QM_NOEXCEPT;
+
+/**
+ * @brief ReleaseMatch: gives back the copies MatchOption made (whichever are
+ *        not null) and clears them, so a second call frees nothing.
+ * @return 0; QMELM_E_NULL_PARMS; or the failing free's status (the second's
+ *         when both fail). Takes no mutex.
+ */
 QM_EXPORT int qmelmreleasematch(QMELMExtensionp ext, QMELMMatchOptionParms *parms,
                                 QMJnlh jnl) QM_NOEXCEPT;
-/* UpdateIOInfo: adds the increments to the newest I/O record of the handle's
-   file (nothing when there is none); always 0. */
+
+/**
+ * @brief UpdateIOInfo: adds an increment to the newest I/O record of the
+ *        handle's file (nothing when the host keeps none: iobytecount 1 or
+ *        less).
+ * @param[in] lock  A live handle (not null).
+ * @param[in] parms The increment (not null); its version is not read and
+ *                  negative values are added as they are.
+ * @param[in] jnl   Not used.
+ * @return 0. Takes only the record's mutex, so updates of different files
+ *         run in parallel.
+ */
 QM_EXPORT int qmelmupdateioinfo(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh jnl) QM_NOEXCEPT;
-/* ResetIOInfo: zeroes the records of open files and forgets closed ones; 0. */
+
+/**
+ * @brief ResetIOInfo: zeroes the counters of the records of open files and
+ *        forgets those of closed ones (List entries pointing at their names
+ *        become invalid).
+ * @param[in] parms Not read (may be null). @param[in] jnl Not used.
+ * @return 0, or the status of the list's mutex.
+ */
 QM_EXPORT int qmelmresetioinfo(QMELMExtensionp ext, QMELMResetIOInfoParms *parms,
                                QMJnlh jnl) QM_NOEXCEPT;
-/*
- * GetIOInfo: adds up the I/O records that query selects into result (see
- * QMELMQueryIOInfoParms for the selection). With no record at all it returns
- * 0 at once and touches nothing. A file or directory path is resolved through
- * qmioe first. With query->lockRequest the walk holds the list's mutex and
- * each matching record's, and so waits for updates, resets and acquisitions
- * in progress; without it no mutex is taken and the totals may be mid-update.
- * Any thread may call it. Returns 0; QMELM_E_NULL_PARMS (query or result
- * null); qmioe's status when the path cannot be resolved (QM_E_UNMAPPABLE
- * for a character enc_pathname cannot hold, QM_E_BAD_PATH, ...), with nothing
- * added; or the status of giving the resolved path back, after the totals
- * were added. Failures are journaled to jnl (severity 4) when given.
+
+/**
+ * @brief GetIOInfo: adds up the I/O records that query selects into result
+ *        (see QMELMQueryIOInfoParms for the selection).
+ * @param[in]     query  The selection; a file or directory path is resolved
+ *                       through qmioe first.
+ * @param[in,out] result numEntries and totals are added to, never reset: the
+ *                       caller zeroes them first.
+ * @return 0 (also, touching nothing, when there is no record at all);
+ *         QMELM_E_NULL_PARMS (query or result null); qmioe's status when the
+ *         path cannot be resolved (QM_E_UNMAPPABLE for a character
+ *         enc_pathname cannot hold, QM_E_BAD_PATH, ...), with nothing added;
+ *         or the status of giving the resolved path back, after the totals
+ *         were added. Failures are journaled when jnl is given.
+ * Threads: with query->lockRequest the walk holds the list's mutex and each
+ * matching record's, and so waits for updates, resets and acquisitions in
+ * progress; without it no mutex is taken and the totals may be mid-update.
  */
 QM_EXPORT int qmelmgetioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
                              QMELMGetIOInfoParms *result, QMJnlh jnl) QM_NOEXCEPT;
-/*
- * ListIOInfo: one entry per selected I/O record, newest first, in a new
- * array stored in result->list (the previous pointer is overwritten, not
- * freed). The array has room for every record listed when the walk began and
- * the matches fill it from entry 0; result->numEntries is incremented once
- * per match. With no record at all it returns 0 and allocates nothing (list
- * keeps its value). Selection, locking, threads and the statuses of path
- * resolution are those of GetIOInfo; in addition QMELM_E_NO_MEMORY when the
- * array cannot be allocated. That failure returns at once, without a message
- * and without undoing anything: with lockRequest the list's mutex stays held
- * by the calling thread (which must release ext->IOInfoMutex itself before
- * any further I/O statistics call), and the resolved path stays with qmioe
- * until the extension goes.
+
+/**
+ * @brief ListIOInfo: one entry per selected I/O record, newest first.
+ * @param[in]     query  As for GetIOInfo.
+ * @param[in,out] result list receives a new array (the previous pointer is
+ *        overwritten, not freed) with room for every record listed when the
+ *        walk began; the matches fill it from entry 0 and numEntries is
+ *        incremented once per match. The array is the caller's until
+ *        ListIOInfoFree; its entries' filename pointers are the records' own
+ *        (valid until a reset forgets the record).
+ * @return As GetIOInfo, with no array made when there is no record at all
+ *         (list keeps its value); and QMELM_E_NO_MEMORY when the array cannot
+ *         be allocated. That failure returns at once, without a message and
+ *         without undoing anything: with lockRequest the list's mutex stays
+ *         held by the calling thread (which must release ext->IOInfoMutex
+ *         itself before any further I/O statistics call), and the resolved
+ *         path stays with qmioe until the extension goes.
  */
 QM_EXPORT int qmelmlistioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
                               QMELMListIOInfoParms *result, QMJnlh jnl) QM_NOEXCEPT;
-/* ListIOInfoFree: gives toBeFreed->list back to the extension's pool; list
-   and numEntries keep their values. A null list is nothing to free: 0.
-   Returns 0, the pool's status (QM_E_BAD_FREE for an array given back
-   twice), or QMELM_E_NULL_PARMS (journaled) for a null toBeFreed. */
+
+/**
+ * @brief ListIOInfoFree: gives toBeFreed->list back to the extension's pool;
+ *        list and numEntries keep their values. A null list is nothing to free.
+ * @return 0; the pool's status (QM_E_BAD_FREE for an array given back
+ *         twice); or QMELM_E_NULL_PARMS (journaled) for a null toBeFreed.
+ */
 QM_EXPORT int qmelmlistioinfofree(QMELMExtensionp ext, QMELMListIOInfoParms *toBeFreed,
                                   QMJnlh jnl) QM_NOEXCEPT;
-/*
- * JnlIOInfo: writes every I/O record to jnl at severity 2 (QMSeverityNote):
- * QMELM_M_IOINFO_HEADER with the number of records, then per record, newest
- * first, QMELM_M_IOINFO_FILE (name), _FLAGS (the open flags as a number and
- * as text such as " O_RDWR | O_CREAT | "), _TIMES (open and close time in
- * parms->locale, "File remains open" for an open file), _READS, _WRITES and
- * _SEEKS. No mutex is taken: it runs while other threads hold the list or a
- * record, and may show a record mid-update; records are never freed under
- * it. Any thread may call it. Returns the status of the last journal call
- * (0 when all went well); QMELM_E_NO_JOURNAL for a null jnl, or
- * QMELM_E_NULL_PARMS (journaled) for null parms, with nothing written.
+
+/**
+ * @brief JnlIOInfo: writes every I/O record to jnl at severity 2
+ *        (QMSeverityNote): QMELM_M_IOINFO_HEADER with the number of records,
+ *        then per record, newest first, QMELM_M_IOINFO_FILE (name), _FLAGS
+ *        (the open flags as a number and as text such as " O_RDWR |  O_CREAT
+ *        | "), _TIMES (open and close time in parms->locale, "File remains
+ *        open" for an open file), _READS, _WRITES and _SEEKS.
+ * @param[in,out] parms locale: the locale the times are written in; when
+ *                      null, the host's default locale is stored there (the
+ *                      host owns it).
+ * @param[in]     jnl   The journal to write to (required).
+ * @return The status of the last journal call (0 when all went well);
+ *         QMELM_E_NO_JOURNAL for a null jnl, or QMELM_E_NULL_PARMS
+ *         (journaled) for null parms, with nothing written.
+ * Threads: no mutex is taken: it runs while other threads hold the list or a
+ * record, and may show a record mid-update; records are never freed under it.
  */
 QM_EXPORT int qmelmjnlioinfo(QMELMExtensionp ext, QMELMJnlIOInfoParms *parms,
                              QMJnlh jnl) QM_NOEXCEPT;
-/* Emergency: nothing to do; 0. */
+
+/** @brief Emergency: the host's call in an emergency; nothing to do. @return 0. */
 QM_EXPORT int qmelmemergency(QMELMExtensionp ext) QM_NOEXCEPT;
 
 QM_EXTERN_C_END
