@@ -96,6 +96,13 @@ std::optional<std::string> LineReader::edit() {
     if (pos < line.size()) ++pos;
     while (pos < line.size() && continuation(line[pos])) ++pos;
   };
+  auto eraseForward = [&] {
+    if (pos == line.size()) return;
+    const size_t from = pos;
+    right();
+    line.erase(from, pos - from);
+    pos = from;
+  };
   auto show = [&](size_t entry) {
     if (recall == history_.size()) draft = line;
     recall = entry;
@@ -118,12 +125,7 @@ std::optional<std::string> LineReader::edit() {
           put("\r\n");
           return std::nullopt;
         }
-        if (pos < line.size()) {
-          const size_t from = pos;
-          right();
-          line.erase(from, pos - from);
-          pos = from;
-        }
+        eraseForward();
         break;
       case 3:  // ^C: drop the line
         put("^C\r\n");
@@ -166,12 +168,7 @@ std::optional<std::string> LineReader::edit() {
         if (seq[0] != '[' && seq[0] != 'O') break;
         if (seq[1] >= '0' && seq[1] <= '9') {
           if (read(fd, &seq[2], 1) != 1) break;
-          if (seq[1] == '3' && seq[2] == '~' && pos < line.size()) {
-            const size_t from = pos;
-            right();
-            line.erase(from, pos - from);
-            pos = from;
-          }
+          if (seq[1] == '3' && seq[2] == '~') eraseForward();  // Delete
           break;
         }
         if (seq[1] == 'A' && recall > 0) show(recall - 1);

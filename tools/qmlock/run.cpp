@@ -504,6 +504,14 @@ int conflictExit(const Voice &v, const Request &req, const std::string &what,
   return req.conflictExit;
 }
 
+// FILE could not be opened (errno e): flock(1)'s message and exit code.
+int openFailure(const Voice &v, const Request &req, int e) {
+  v.warn(e, "cannot open lock file %s", req.file);
+  return e == ENOMEM || e == EMFILE || e == ENFILE ? kExitOsErr
+         : e == EROFS || e == ENOSPC               ? kExitCantCreat
+                                                   : kExitNoInput;
+}
+
 // A failure other than a conflict: flock(1)'s message and exit code.
 int fileFailure(const Voice &v, const Request &req, const elm::Result &r) {
   const int e = r.error();
@@ -515,17 +523,11 @@ int fileFailure(const Voice &v, const Request &req, const elm::Result &r) {
     case QMELM_E_OS_NO_MEMORY:
     case QMELM_E_OPEN_FAILED:
     case QMELM_E_FILE_EXISTS:
-      v.warn(e, "cannot open lock file %s", req.file);
-      return e == ENOMEM || e == EMFILE || e == ENFILE ? kExitOsErr
-             : e == EROFS || e == ENOSPC               ? kExitCantCreat
-                                                       : kExitNoInput;
+      return openFailure(v, req, e);
     case QMELM_E_EXT_LOCK_FAILED:
     case QMELM_E_EXT_LOCKED_EXCLUSIVE:
     case QMELM_E_EXT_LOCKED_SHARED:
-      if (e == ETXTBSY) {  // the open, not the lock, failed
-        v.warn(e, "cannot open lock file %s", req.file);
-        return kExitNoInput;
-      }
+      if (e == ETXTBSY) return openFailure(v, req, e);  // the open, not the lock, failed
       if (e != 0) {
         if (e == EBADF && !v.flock && req.mode == Mode::exclusive)
           v.warnx(
@@ -591,13 +593,7 @@ int runFd(const Voice &v, const Request &req) {
 int runUnlocked(const Voice &v, const Request &req) {
   int fd = open(req.file, O_RDONLY | O_NOCTTY | O_CREAT | O_CLOEXEC, 0666);
   if (fd < 0 && errno == EISDIR) fd = open(req.file, O_RDONLY | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) {
-    const int e = errno;
-    v.warn(e, "cannot open lock file %s", req.file);
-    return e == ENOMEM || e == EMFILE || e == ENFILE ? kExitOsErr
-           : e == EROFS || e == ENOSPC               ? kExitCantCreat
-                                                     : kExitNoInput;
-  }
+  if (fd < 0) return openFailure(v, req, errno);
   close(fd);
   reportTime(v, req, Clock::now());
   return runCommand(v, req, -1);
