@@ -18,7 +18,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdarg>
@@ -379,20 +378,6 @@ FdAttempt lockFd(int fd, Mode m) {
 
 // ---- the command --------------------------------------------------------------
 
-// The child that SIGINT, SIGTERM and SIGHUP are passed on to; 0 when none.
-std::atomic<pid_t> gChild{0};
-static_assert(std::atomic<pid_t>::is_always_lock_free);
-
-// Passes a signal sent to qmlock on to COMMAND. A signal the kernel sent
-// (SI_KERNEL: the terminal's ^C or hang-up) went to the whole foreground
-// process group, COMMAND included, and is not sent twice.
-extern "C" void passOn(int sig, siginfo_t *info, void *) {
-  const pid_t child = gChild.load(std::memory_order_relaxed);
-  if (child > 0 && (info == nullptr || info->si_code != SI_KERNEL)) kill(child, sig);
-}
-
-constexpr int kPassedOn[] = {SIGINT, SIGTERM, SIGHUP};
-
 int statusOf(int wstatus) {
   if (WIFEXITED(wstatus)) return WEXITSTATUS(wstatus);
   if (WIFSIGNALED(wstatus)) return 128 + WTERMSIG(wstatus);
@@ -400,22 +385,19 @@ int statusOf(int wstatus) {
 }
 
 // Runs COMMAND as a child and waits for it; its exit status, 128+N when it
-// died of signal N.
+// died of signal N. SIGINT, SIGTERM and SIGHUP sent to qmlock meanwhile are
+// passed on to it. They are taken synchronously (blocked, and collected with
+// SIGCHLD by sigwaitinfo), so no handler runs at an arbitrary moment, and
+// qmlock stops passing them on before it reaps COMMAND: a signal can never
+// reach a process that took COMMAND's process ID after it. They stay blocked
+// until qmlock exits, so one that comes as COMMAND ends cannot replace its
+// status. A signal qmlock's caller ignores is never generated for qmlock and
+// stays ignored for COMMAND.
 int spawnAndWait(const Voice &v, const Request &req, int lockFd) {
-  sigset_t passed, previous;
-  sigemptyset(&passed);
-  for (int sig : kPassedOn) sigaddset(&passed, sig);
-  sigprocmask(SIG_BLOCK, &passed, &previous);
-  // Signals our caller ignores stay ignored, for COMMAND too.
-  for (int sig : kPassedOn) {
-    struct sigaction old {};
-    if (sigaction(sig, nullptr, &old) == 0 && old.sa_handler == SIG_IGN) continue;
-    struct sigaction sa {};
-    sa.sa_sigaction = passOn;
-    sa.sa_flags = SA_SIGINFO | SA_RESTART;
-    sigemptyset(&sa.sa_mask);
-    sigaction(sig, &sa, nullptr);
-  }
+  sigset_t handled, previous;
+  sigemptyset(&handled);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&handled, sig);
+  sigprocmask(SIG_BLOCK, &handled, &previous);
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -442,15 +424,18 @@ int spawnAndWait(const Voice &v, const Request &req, int lockFd) {
     v.warn(err, "failed to execute %s", req.command[0]);
     return err == ENOMEM ? kExitOsErr : kExitUnavailable;
   }
-  gChild.store(child, std::memory_order_relaxed);
-  sigprocmask(SIG_SETMASK, &previous, nullptr);
 
-  // Wait without reaping, stop passing signals on, then reap: a signal can
-  // then never be sent to a process ID that was reused meanwhile.
-  siginfo_t info{};
-  while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+  for (;;) {
+    siginfo_t ended{};  // si_pid stays 0 while COMMAND runs
+    const int rc = waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT);
+    if ((rc == 0 && ended.si_pid == child) || (rc != 0 && errno != EINTR)) break;
+    siginfo_t got{};
+    const int sig = sigwaitinfo(&handled, &got);
+    // A signal the kernel sent (SI_KERNEL: the terminal's ^C or hang-up)
+    // went to the whole foreground process group, COMMAND included, and is
+    // not sent twice.
+    if (sig > 0 && sig != SIGCHLD && got.si_code != SI_KERNEL) kill(child, sig);
   }
-  gChild.store(0, std::memory_order_relaxed);
   int wstatus = 0;
   pid_t w;
   while ((w = waitpid(child, &wstatus, 0)) == -1 && errno == EINTR) {
