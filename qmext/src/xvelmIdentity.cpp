@@ -19,7 +19,20 @@ namespace xvelm::detail {
 namespace {
 
 constexpr std::size_t kBuckets = 16384;
-constexpr std::size_t kStripes = 16;  // few: the fork handlers hold them all
+// Threads on two files meet on one stripe with a chance of 1/kStripes. The
+// fork handlers hold every stripe at once, and ThreadSanitizer follows at
+// most 64 mutexes held by one thread: its builds use fewer.
+#if defined(__SANITIZE_THREAD__)
+constexpr std::size_t kStripes = 16;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr std::size_t kStripes = 16;
+#else
+constexpr std::size_t kStripes = 256;
+#endif
+#else
+constexpr std::size_t kStripes = 256;
+#endif
 
 pthread_mutex_t stripes[kStripes];
 pthread_once_t stripesOnce = PTHREAD_ONCE_INIT;
