@@ -476,7 +476,10 @@ TEST(QmlockFlock, UnderTheNameFlockItSpeaksAsUtilLinuxFlock) {
   const std::string verbose = "flock: getting lock took {*}.{*} seconds\nflock: executing true\n";
   EXPECT_MATCHES(mine.out, verbose);
   EXPECT_MATCHES(util.out, verbose);
-  EXPECT_MATCHES(run({"flock", "-V"}, {{}, link, {}, {}}).out, "flock from {*} {*}.{*}.{*}\n");
+  EXPECT_MATCHES(run({"flock", "-V"}, {{}, link, {}, {}}).out,
+                 "flock from QM Resource Lock Manager {*}.{*}.{*}\n");
+  EXPECT_MATCHES(run({kQmlock, "--version"}).out,
+                 "qmlock (QM Resource Lock Manager) {*}\n  lock manager interface {*}");
   EXPECT_MATCHES(run({"flock", "--help"}, {{}, link, {}, {}}).out,
                  "\nUsage:\n flock [options] <file>|<directory> <command> [<argument>...]\n{*}"
                  "For more details see flock(1).\n");

@@ -79,7 +79,10 @@ run_examples "$work/pc-build/embed_c" "$work/pc-build/api_cpp"
 step "the installed qmlock"
 env -u LD_LIBRARY_PATH -u QMHOST_EXTENSION_PATH "$prefix/bin/qmlock" run -n "$work/run/x" true ||
   fail "installed qmlock run"
-"$prefix/libexec/qmelm/flock" -V | grep -q "^flock from " || fail "installed flock -V"
+"$prefix/libexec/qmelm/flock" -V | grep -q "^flock from QM Resource Lock Manager " ||
+  fail "installed flock -V"
+env -u LD_LIBRARY_PATH "$prefix/bin/qmlock" --version | grep -q "^  lock manager interface " ||
+  fail "installed qmlock --version"
 rm -f "$work/run/x"
 rm -rf "$work"
 echo "== ok"

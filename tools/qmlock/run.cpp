@@ -9,7 +9,7 @@
 // FD: the caller's open descriptor gets an open-file-description lock
 // (F_OFD_SETLK), which belongs to that descriptor and so outlives qmlock.
 // The lock manager never waits: --wait retries with a back-off that starts
-// at 1 ms and grows to 3 ms, so a waiter sees a release within milliseconds.
+// at 1 ms and grows to 2 ms, so a waiter sees a release within milliseconds.
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -308,7 +308,7 @@ void coverStandardDescriptors() {
 
 // Calls attempt until it succeeds, fails otherwise than by a conflict, or the
 // deadline passes: at once with --nonblock, never without --wait. Between
-// tries it sleeps 1 ms, then half as long again each time up to 3 ms.
+// tries it sleeps 1 ms, then half as long again each time up to 2 ms.
 template <class Attempt>
 auto retry(const Request &req, Attempt attempt) {
   const Clock::time_point deadline =
@@ -320,7 +320,7 @@ auto retry(const Request &req, Attempt attempt) {
     const Clock::time_point now = Clock::now();
     if (now >= deadline) return out;
     std::this_thread::sleep_for(std::min(pause, deadline - now));
-    pause = std::min<Clock::duration>(pause * 3 / 2, 3ms);
+    pause = std::min<Clock::duration>(pause * 3 / 2, 2ms);
   }
 }
 
