@@ -617,9 +617,20 @@ TEST(QmlockShell, OnATerminalItPromptsAndEditsLines) {
   type("\x1b[A\r");
   EXPECT_TRUE(next("qmlock> option list")) << seen;
   EXPECT_TRUE(next("ok 1 options")) << seen;
+  EXPECT_TRUE(next("qmlock> ")) << seen;  // ^D is read as a key only at the prompt
   type("\x04");
   int st = 0;
-  waitpid(pid, &st, 0);
+  const Clock::time_point deadline = Clock::now() + 60s;
+  while (waitpid(pid, &st, WNOHANG) == 0 && Clock::now() < deadline) {
+    pollfd p{master, POLLIN, 0};
+    char buf[256];
+    if (poll(&p, 1, 10) > 0) (void)!read(master, buf, sizeof buf);  // keep the terminal drained
+  }
+  if (Clock::now() >= deadline) {
+    ADD_FAILURE() << "the shell did not end at ^D: " << seen;
+    kill(pid, SIGKILL);
+    waitpid(pid, &st, 0);
+  }
   EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << seen;
   close(master);
 }
