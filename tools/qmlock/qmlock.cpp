@@ -18,12 +18,29 @@ namespace qmlock {
 
 namespace {
 
+// Where a library built and installed beside libqmhost.so is: its full
+// path there, as the host finds the extensions, or else its name alone.
+// (A sanitizer's dlopen interceptor searches without qmlock's run path.)
+std::string besideTheHost(const char *name) {
+  std::string path = name;
+  if (void *host = dlopen("libqmhost.so", RTLD_LAZY | RTLD_NOLOAD)) {
+    Dl_info info{};
+    void *entry = dlsym(host, "qmhost_create");
+    if (entry != nullptr && dladdr(entry, &info) != 0 && info.dli_fname != nullptr) {
+      const std::string lib = info.dli_fname;
+      const size_t slash = lib.rfind('/');
+      if (slash != std::string::npos) path = lib.substr(0, slash + 1) + name;
+    }
+    dlclose(host);
+  }
+  return path;
+}
+
 // The build's version stamp. It lives in libqmhostcm.so, which qmlock loads
 // only to print it: linked, it would be loaded by every `qmlock run`, which
-// never calls it, at a cost of a few percent of a run. dlopen finds it where
-// qmlock's own libraries are (its run path).
+// never calls it, at a cost of a few percent of a run.
 bool versionStamp(QMVersionRecord &v) {
-  void *lib = dlopen("libqmhostcm.so", RTLD_NOW | RTLD_LOCAL);
+  void *lib = dlopen(besideTheHost("libqmhostcm.so").c_str(), RTLD_NOW | RTLD_LOCAL);
   if (lib == nullptr) return false;
   auto *stamp = reinterpret_cast<QMStatus (*)(QMVersionRecord *)>(dlsym(lib, "qmzversion"));
   const bool ok = stamp != nullptr && stamp(&v) == 0;
