@@ -270,6 +270,17 @@ TEST(QmlockRun, FreeFilePassesTheCommandsStatusThroughWhileHoldingTheLock) {
   EXPECT_EQ(r.status, 66);
   EXPECT_EQ(r.err, "qmlock: cannot open lock file " + d.file("no/such/dir") +
                        ": No such file or directory\n");
+  r = run({kQmlock, "run", "--start", "0", "--length", "10", f, "true"});
+  EXPECT_EQ(r.status, 64);
+  EXPECT_EQ(r.err,
+            "qmlock: byte ranges (--start, --length) are not supported: the lock manager locks "
+            "whole files\n");
+  EXPECT_EQ(run({kQmlock, "run", "--fcntl", "-n", f, "true"}).status, 0);
+  r = run({kQmlock, "run", "--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_MATCHES(r.out,
+                 "usage: qmlock run [options] FILE|DIR COMMAND [ARG...]\n{*}Exit status:{*}");
+  EXPECT_EQ(run({kQmlock, "frobnicate"}).status, 64);
   r = run({kQmlock, "run", f, d.file("no-such-command")});
   EXPECT_EQ(r.status, 69);
   EXPECT_EQ(r.err, "qmlock: failed to execute " + d.file("no-such-command") +
