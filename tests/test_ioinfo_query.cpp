@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <optional>
-#include <regex>
 #include <thread>
 
 #include "test_lock_support.h"
@@ -16,6 +15,21 @@
 using namespace locktest;
 
 namespace {
+
+// Whether text matches pattern, in which '#' stands for a digit and '*' for
+// any run of characters (no regular expressions: <regex> trips g++ 12's
+// -Wmaybe-uninitialized in optimised sanitizer builds).
+bool like(std::string_view text, std::string_view pattern) {
+  if (pattern.empty()) return text.empty();
+  if (pattern[0] == '*') {
+    for (size_t i = 0; i <= text.size(); ++i)
+      if (like(text.substr(i), pattern.substr(1))) return true;
+    return false;
+  }
+  if (text.empty()) return false;
+  const bool ok = pattern[0] == '#' ? (text[0] >= '0' && text[0] <= '9') : text[0] == pattern[0];
+  return ok && like(text.substr(1), pattern.substr(1));
+}
 
 
 // A selection that owns its paths (empty: not given).
@@ -239,27 +253,27 @@ TEST(IOInfoQuery, ReportWritesEveryRecord) {
     EXPECT_EQ(e[i].severity, QMSeverityNote);
     EXPECT_CODES(e[i].codes, {i == 0 ? QMELM_M_IOINFO_HEADER : group[(i - 1) % 6]});
   }
-  const std::string t = "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}", t0 = "19[67]\\d-.*";
+  // Patterns: '#' is any digit, '*' any run of characters.
+  const std::string t = "####-##-##T##:##:##.###", t0 = "19*";
   const std::pair<size_t, std::string> expected[] = {
-      {0, "I/O statistics report: 3 record\\(s\\)\\."},
+      {0, "I/O statistics report: 3 record(s)."},
       {1, "I/O record of " + created},  // newest first
-      {2, "  Open flags: " + std::to_string(O_CREAT) + " = O_CREAT \\| "},
-      {3, "  Opened: " + t + "\\. Closed: File remains open\\."},
-      {4, "  Reads: 1, bytes read: 5\\."},
-      {5, "  Writes: 1, bytes written: 10\\."},
-      {6, "  Seeks: 1\\."},
-      {8, "  Open flags: 0 = O_RDONLY \\| "},
-      {9, "  Opened: " + t0 + "Closed: File remains open\\."},
-      {14, "  Open flags: " + std::to_string(O_RDWR | O_CREAT) + " = O_RDWR \\|  O_CREAT \\| "},
-      {15, "  Opened: " + t + "\\. Closed: " + t + "\\."},
+      {2, "  Open flags: " + std::to_string(O_CREAT) + " = O_CREAT | "},
+      {3, "  Opened: " + t + ". Closed: File remains open."},
+      {4, "  Reads: 1, bytes read: 5."},
+      {5, "  Writes: 1, bytes written: 10."},
+      {6, "  Seeks: 1."},
+      {8, "  Open flags: 0 = O_RDONLY | "},
+      {9, "  Opened: " + t0 + "Closed: File remains open."},
+      {14, "  Open flags: " + std::to_string(O_RDWR | O_CREAT) + " = O_RDWR |  O_CREAT | "},
+      {15, "  Opened: " + t + ". Closed: " + t + "."},
   };
-  for (const auto &[i, re] : expected)
-    EXPECT_TRUE(std::regex_match(e[i].text, std::regex(re))) << e[i].text;
+  for (const auto &[i, pattern] : expected) EXPECT_TRUE(like(e[i].text, pattern)) << e[i].text;
 
   host.ext->IOInfo->next->next->closeTime = 0.0;  // exactly 0.0 is a time like any other
   host.clearJournal();
   EXPECT_EQ(host.fn().JnlIOInfo(host.ext, &jp, host.jnl), 0);
-  EXPECT_TRUE(std::regex_match(host.entries()[15].text, std::regex(".*Closed: " + t0)));
+  EXPECT_TRUE(like(host.entries()[15].text, "*Closed: " + t0));
   for (QMELMLHndlp h : {hr, hc}) EXPECT_EQ(host.release(h), 0);
 }
 

@@ -71,11 +71,14 @@ class XVELM_TSA(scoped_lockable) MutexGuard {
   }
   bool held() const { return held_; }
   explicit operator bool() const { return held_; }
+  // Leaves the mutex held when the guard goes: only for an exit that is
+  // documented to keep it (the I/O list's failed allocation).
+  void keepHeld() { held_ = false; }
   // The host's status for a refused get; 0 while held.
   QMStatus status() const { return held_ ? 0 : status_; }
 
  private:
-  QMLockh m_;
+  QMLockh m_ = nullptr;
   QMStatus status_ = 0;
   bool held_ = false;
 };

@@ -447,7 +447,7 @@ QMStatus selectRecords(QMELMExtension *ext, const QMELMQueryIOInfoParms &q, QMJn
   }
 
   const bool locking = q.lockRequest != 0;
-  Abandonable<MutexGuard> listLock;
+  std::optional<MutexGuard> listLock;
   std::optional<ReadingSection> reading;
   if (locking) {
     if (const MutexGuard &io = listLock.emplace(ext->IOInfoMutex); !io)
@@ -460,7 +460,7 @@ QMStatus selectRecords(QMELMExtension *ext, const QMELMQueryIOInfoParms &q, QMJn
     // The long-standing early exit of a failed allocation undoes nothing:
     // IOInfoMutex stays held when it was taken, and the resolved path stays
     // with qmioe. Callers have always seen it so.
-    listLock.abandon();
+    if (listLock) listLock->keepHeld();
     resolved.abandon();
     return rc;
   }
