@@ -342,8 +342,8 @@ void benchChange(benchmark::State &st) {
   QMELMExtension *ext = g->host->ext;
   qmtest::LockRequest req(p, O_RDWR);
   int rc = 0;
-  QMELMLHndlp h = get(ext, req, QMELM_INT_NONEXCLUSIVE | QMELM_EXT_NONEXCLUSIVE | QMELM_OPT_FAIL,
-                      &rc);
+  QMELMLHndlp h =
+      get(ext, req, QMELM_INT_NONEXCLUSIVE | QMELM_EXT_NONEXCLUSIVE | QMELM_OPT_FAIL, &rc);
   if (h == nullptr) {
     st.SkipWithError(statusText("LockGet", rc).c_str());
     return;

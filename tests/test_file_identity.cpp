@@ -124,9 +124,9 @@ TEST(FileIdentity, AJoinerAfterARenameOrAnUnlinkIsRefused) {
   EXPECT_EQ(joiner.parms.Errno, EAGAIN);
   ASSERT_GE(host.entryCount(), 1u);
   EXPECT_CODES(host.entries().front().codes, fileLockMessage(QMELM_E_LOCKGET_SETUP));
-  EXPECT_EQ(freedom(path), 2);  // the replacement was not locked, nor left open:
+  EXPECT_EQ(freedom(path), 2);            // the replacement was not locked, nor left open:
   EXPECT_EQ(openDescriptorsOf(path), 1);  // only the holder's, of the file renamed over
-  EXPECT_EQ(freedom(keep), 0);  // the locked file still is
+  EXPECT_EQ(freedom(keep), 0);            // the locked file still is
 
   // Unlinked: a joiner that creates the name anew is refused too.
   ASSERT_EQ(unlink(path.c_str()), 0);
@@ -155,8 +155,8 @@ TEST(FileIdentity, DeleteOnCloseSparesAFileThatReplacedTheLockedOne) {
   EXPECT_STATUS(QMELM_E_UNLINK_FAILED, host.release(h, &r, host.jnl));
   struct stat st {};
   EXPECT_EQ(stat(path.c_str(), &st), 0);  // still there
-  EXPECT_CODES(host.lastCodes(), {QMELM_E_UNLINK_FAILED, QMELM_M_INT_LOCK_CONFLICT,
-                                  QMELM_M_TRAILER, QMELM_M_TRAILER});
+  EXPECT_CODES(host.lastCodes(), {QMELM_E_UNLINK_FAILED, QMELM_M_INT_LOCK_CONFLICT, QMELM_M_TRAILER,
+                                  QMELM_M_TRAILER});
 
   // While the name still names the locked file, it is deleted.
   LockRequest again(path, O_RDWR, QMELM_FLAG_DELETE_ON_CLOSE);
@@ -315,7 +315,6 @@ TEST(FileIdentity, RefusedHostMutexesAndMissingHostMembersNeverRunUnlocked) {
   host.failNth(QMHOST_FAIL_POOL_CREATE, 0);
   host.hndl->lastStatus = saved;
 
-
   // Null parameter blocks and status pointers.
   EXPECT_EQ(host.fn().LockGet(host.ext, nullptr, QMELM_RESOURCE_FILE, NX | EX, host.jnl, &rc),
             nullptr);
@@ -333,7 +332,9 @@ TEST(FileIdentity, RefusedHostMutexesAndMissingHostMembersNeverRunUnlocked) {
   {
     SyscallScope seam;
     static int flagsSeen = 0;
-    seam.table().open = [](const char *p, int f, mode_t m) { return flagsSeen = f, ::open(p, f, m); };
+    seam.table().open = [](const char *p, int f, mode_t m) {
+      return flagsSeen = f, ::open(p, f, m);
+    };
     QMELMLHndlp h = host.lock(r, NX | EX, &rc);
     ASSERT_NE(h, nullptr);
     EXPECT_TRUE(flagsSeen & O_CLOEXEC);

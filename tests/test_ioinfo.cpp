@@ -8,7 +8,6 @@
 
 using namespace locktest;
 
-
 TEST(IOInfo, NewestRecordTakesUpdatesAndClosesResetForgets) {
   for (QMIOByteCountKind kind : {QMIO_ByteCount_Default, QMIO_ByteCount_None}) {
     TestHost host(HostOptions{.iobytecount = kind});

@@ -31,7 +31,6 @@ bool like(std::string_view text, std::string_view pattern) {
   return ok && like(text.substr(1), pattern.substr(1));
 }
 
-
 // A selection that owns its paths (empty: not given).
 struct Query {
   std::vector<QMChar> file, dir;
@@ -61,7 +60,6 @@ std::optional<std::vector<QMELMByFileIOStats>> listed(TestHost &host, Query &q) 
   EXPECT_EQ(host.fn().ListIOInfoFree(host.ext, &p, nullptr), 0);
   return out;
 }
-
 
 // Records newest first E, C, B, A3, A2, A1 (bytesRead 32 .. 1) in d1, d2 and
 // d1x, a sibling of d1 that d1 is a prefix of. A2 was closed and its

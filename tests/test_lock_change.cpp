@@ -203,7 +203,7 @@ TEST(LockChange, AnotherAccessModeTakesANewOrParkedDescriptor) {
   const int writeFd = fileOf(h).FileDescriptor;
   EXPECT_NE(writeFd, readFd);
   EXPECT_EQ(fcntl(writeFd, F_GETFL) & O_ACCMODE, O_RDWR);
-  EXPECT_EQ(openDescriptorsOf(path), 2);  // the old one parked
+  EXPECT_EQ(openDescriptorsOf(path), 2);                          // the old one parked
   EXPECT_EQ(host.fn().LockChange(h, &ro.parms, NX, nullptr), 0);  // back: the parked one
   EXPECT_EQ(fileOf(h).FileDescriptor, readFd);
   EXPECT_EQ(openDescriptorsOf(path), 2);

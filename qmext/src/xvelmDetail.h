@@ -301,14 +301,14 @@ struct NodeState;
 // ListMutex; dead is a lock-free stack (queueDeadNode pushes, an acquisition
 // takes all); regNext and regPrev by the process's registry mutex.
 struct ExtensionState {
-  QMELMExtension pub;              // first member: the public object
-  NodeState **buckets;             // name index: inlineBuckets, or a pool block once grown
-  QMMemSize bucketCount;           // a power of two
-  QMMemSize nodeCount;             // nodes in the index
-  NodeState *dead;                 // nodes waiting to be destroyed
-  ExtensionState *regNext;         // registry of live extension objects
+  QMELMExtension pub;       // first member: the public object
+  NodeState **buckets;      // name index: inlineBuckets, or a pool block once grown
+  QMMemSize bucketCount;    // a power of two
+  QMMemSize nodeCount;      // nodes in the index
+  NodeState *dead;          // nodes waiting to be destroyed
+  ExtensionState *regNext;  // registry of live extension objects
   ExtensionState *regPrev;
-  NodeState *inlineBuckets[64];    // the index's first buckets: no allocation
+  NodeState *inlineBuckets[64];  // the index's first buckets: no allocation
 };
 
 inline ExtensionState *stateOf(QMELMExtension *e) {

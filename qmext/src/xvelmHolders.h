@@ -124,8 +124,8 @@ enum class ExternalRule {
 // Takes a holder of type R out of the external counters; true when an
 // exclusive external holder left.
 inline bool uncountExternal(QMELMResLock &n, QMMemSize R, ExternalRule rule) {
-  const QMMemSize none = rule == ExternalRule::Release ? QMMemSize{QMELM_NOEXTERNAL_LOCK}
-                                                       : kNoExternalAtAcquisition;
+  const QMMemSize none =
+      rule == ExternalRule::Release ? QMMemSize{QMELM_NOEXTERNAL_LOCK} : kNoExternalAtAcquisition;
   if (R & none) {
     --n.noexternal_lock;
     return false;

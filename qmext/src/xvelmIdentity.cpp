@@ -303,7 +303,9 @@ void forgetExtension(const QMELMExtension *ext) noexcept {
   // First every node of ext gives up its need, remembering what the process
   // holds; then each file is sent down to what the other objects' nodes
   // need, and the descriptors are closed where nothing needs a lock.
-  auto ours = [ext](const FileLink *l) { return nodeOfLink(const_cast<FileLink *>(l))->owner == ext; };
+  auto ours = [ext](const FileLink *l) {
+    return nodeOfLink(const_cast<FileLink *>(l))->owner == ext;
+  };
   for (std::size_t b = 0; b < kBuckets; ++b) {
     pthread_mutex_t &m = stripeOf(b);
     pthread_mutex_lock(&m);
@@ -334,8 +336,8 @@ void forgetExtension(const QMELMExtension *ext) noexcept {
       for (FileLink *o = table[b]; o != nullptr; o = o->next)
         if (sameFile(*o, l->dev, l->ino) && ours(o)) o->need = Need::None;
       if (others == Need::None) {
-        for (XVELMFileDescriptorp lists[] = {f.OpenFileDescriptorList,
-                                             f.ClosedFileDescriptorList, l->deferred};
+        for (XVELMFileDescriptorp lists[] = {f.OpenFileDescriptorList, f.ClosedFileDescriptorList,
+                                             l->deferred};
              XVELMFileDescriptorp d : lists)
           for (; d != nullptr; d = d->next)
             if (d->fd >= 0) (void)sys().close(d->fd), d->fd = -1;

@@ -49,8 +49,8 @@ enum class Need : uint8_t { None = 0, Read = 1, Write = 2 };
 // A node's place in the file table, embedded in the node. Guarded by the
 // table mutex.
 struct FileLink {
-  FileLink *next;                 // chain of the table's bucket
-  dev_t dev;                      // the node's file: that of its first descriptor
+  FileLink *next;  // chain of the table's bucket
+  dev_t dev;       // the node's file: that of its first descriptor
   ino_t ino;
   Need need;                      // what the node needs of the record lock
   bool attached;                  // on the table

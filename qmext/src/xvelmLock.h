@@ -36,15 +36,15 @@ struct IORecord {
 // and listed by the extension's ListMutex; deadNext belongs to whoever took
 // the node off the dead queue; owner and generation never change.
 struct NodeState {
-  XVELMFileLock pub;        // first member: the public node
-  IORecord *records;        // newest first
-  FileLink link;            // the node's file in the process's file table
-  NodeState *indexNext;     // chain of the name index's bucket
-  NodeState *deadNext;      // dead-node queue, then the destroying walk's list
-  QMELMExtension *owner;    // the extension whose pool holds the node
-  uint64_t hash;            // of the name, for the index
-  uint32_t generation;      // the fork generation that made the node
-  bool listed;              // on LockList and in the name index
+  XVELMFileLock pub;      // first member: the public node
+  IORecord *records;      // newest first
+  FileLink link;          // the node's file in the process's file table
+  NodeState *indexNext;   // chain of the name index's bucket
+  NodeState *deadNext;    // dead-node queue, then the destroying walk's list
+  QMELMExtension *owner;  // the extension whose pool holds the node
+  uint64_t hash;          // of the name, for the index
+  uint32_t generation;    // the fork generation that made the node
+  bool listed;            // on LockList and in the name index
 };
 
 // Queues a node that just died (or whose deferred closes were just made) for
@@ -124,9 +124,9 @@ void settleOpened(int fd, uint32_t flags, const struct stat &st) noexcept;
 // A descriptor just opened under a node's name, described and checked
 // against the node's file (recorded as the node's file when it has none).
 struct Opened {
-  struct stat st;   // what fstat said
-  bool described;   // fstat succeeded
-  Identity id;      // Other: not the node's file (or not describable)
+  struct stat st;  // what fstat said
+  bool described;  // fstat succeeded
+  Identity id;     // Other: not the node's file (or not describable)
 };
 [[nodiscard]] Opened recordOpened(NodeState *node, int fd, uint32_t flags) noexcept;
 // Gives up a descriptor that recordOpened found to be another file: closed

@@ -307,8 +307,8 @@ QMStatus Change::recordLock(QMMemSize T, QMMemSize E0, QMMemSize E, QMMemSize N)
     // between the descriptor switch and the lock is not ours. (Giving a lock
     // down cannot lose the file.)
     struct stat byName {};
-    if (E0 != 0 || (sys().stat(file().ID.NarrowFilename, &byName) == 0 &&
-                    isNodeFile(node_->link, byName))) {
+    if (E0 != 0 ||
+        (sys().stat(file().ID.NarrowFilename, &byName) == 0 && isNodeFile(node_->link, byName))) {
       file().FcntlLockSet = 1;
       return 0;
     }

@@ -13,8 +13,8 @@
 #include <optional>
 
 #include "xvelm.h"
-#include "xvelmLock.h"
 #include "xvelmIdentity.h"
+#include "xvelmLock.h"
 
 namespace {
 
@@ -107,7 +107,8 @@ bool sameName(const XVELMFileLockID &id, const char *narrow, const NarrowName &n
 
 uint64_t nameHash(const char *narrow, QMMemSize len, QMMemSize qmLen) {
   uint64_t h = 0xcbf29ce484222325ull ^ qmLen;  // FNV-1a over the narrow bytes
-  for (QMMemSize i = 0; i < len; ++i) h = (h ^ static_cast<unsigned char>(narrow[i])) * 0x100000001b3ull;
+  for (QMMemSize i = 0; i < len; ++i)
+    h = (h ^ static_cast<unsigned char>(narrow[i])) * 0x100000001b3ull;
   return h;
 }
 
@@ -172,8 +173,8 @@ void indexGrow(QMELMExtension *ext, QMJnlh jnl) {
 // Takes every node queued dead since the last acquisition off LockList and
 // the index, into `dead` (ListMutex held). No walk: the queue holds them all.
 void collectDead(QMELMExtension *ext, DeadNodes &dead) {
-  NodeState *n = __atomic_exchange_n(&stateOf(ext)->dead, static_cast<NodeState *>(nullptr),
-                                     __ATOMIC_ACQUIRE);
+  NodeState *n =
+      __atomic_exchange_n(&stateOf(ext)->dead, static_cast<NodeState *>(nullptr), __ATOMIC_ACQUIRE);
   while (n != nullptr) {
     NodeState *next = n->deadNext;
     unlist(ext, n);

@@ -74,8 +74,9 @@ void settleOpened(int fd, uint32_t flags, const struct stat &st) noexcept {
   // O_NONBLOCK changes nothing for a regular file; any other file gets the
   // blocking behaviour its opener asked for back.
   if (!S_ISREG(st.st_mode) && !(flags & O_NONBLOCK))
-    (void)sys().fcntl(fd, F_SETFL,
-                      reinterpret_cast<void *>(static_cast<intptr_t>(flags & ~uint32_t{O_NONBLOCK})));
+    (void)sys().fcntl(
+        fd, F_SETFL,
+        reinterpret_cast<void *>(static_cast<intptr_t>(flags & ~uint32_t{O_NONBLOCK})));
 }
 
 Opened recordOpened(NodeState *node, int fd, uint32_t flags) noexcept {
@@ -243,9 +244,8 @@ QMStatus External::openFresh(XVELMFileDescriptorp *out, double *openTime) const 
 // to a rename is, and the descriptor is closed unless the process holds a
 // lock on the file it did open (closing it would drop that lock).
 QMStatus External::replacedUnderName(int fd, const Opened &opened) const {
-  (void)journalFileLockFailure(ext, jnl,
-                               text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
-                               Rendering::Unchecked);
+  (void)journalFileLockFailure(
+      ext, jnl, text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno), Rendering::Unchecked);
   struct flock req {};
   const QMStatus status = analyseRefusal(fd, req, EAGAIN);
   giveUpStray(opened, fd);

@@ -42,8 +42,7 @@ int xvelmLockGetInternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexc
   // A holder without an internal lock is only counted, whatever the node
   // holds: the sharing test is not made for it.
   QMStatus st = 0;
-  if (!(R & QMELM_NOINTERNAL_LOCK) && N != 0 && !(N & QMELM_NOINTERNAL_LOCK) &&
-      mixesSharing(N, R))
+  if (!(R & QMELM_NOINTERNAL_LOCK) && N != 0 && !(N & QMELM_NOINTERNAL_LOCK) && mixesSharing(N, R))
     st = QMELM_E_INT_SHARE_CONFLICT;
   else
     st = countInternal(node, R);

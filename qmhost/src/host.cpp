@@ -104,7 +104,8 @@ void forkRelease() {
 }  // namespace
 
 void rememberHost(Host *h) {
-  std::call_once(forkHandlersOnce, [] { (void)pthread_atfork(forkPrepare, forkRelease, forkRelease); });
+  std::call_once(forkHandlersOnce,
+                 [] { (void)pthread_atfork(forkPrepare, forkRelease, forkRelease); });
   std::lock_guard<std::mutex> g(allHostsMutex);
   allHosts.push_back(h);  // may throw bad_alloc: the caller's try handles it
 }
