@@ -82,7 +82,7 @@ TEST(FileIdentity, TwoNamesOfOneFileKeepTheStrongerLockInEitherReleaseOrder) {
           TempDir dir;
           CwdScope cwd(dir.path());
           const std::string path = dir.file("f");
-          close(open(path.c_str(), O_CREAT | O_RDWR, 0644));
+          touch(path);
           const std::string other = secondName(dir, path, kind);
           LockRequest ra(path), rb(other);
           int rc = 0;
@@ -115,7 +115,7 @@ TEST(FileIdentity, AJoinerAfterARenameOrAnUnlinkIsRefused) {
   ASSERT_EQ(link(path.c_str(), keep.c_str()), 0);  // the locked file under another name
 
   // Renamed over: the name leads to another file, which nobody holds.
-  close(open(repl.c_str(), O_CREAT | O_RDWR, 0644));
+  touch(repl);
   ASSERT_EQ(rename(repl.c_str(), path.c_str()), 0);
   LockRequest joiner(path, O_RDWR);
   host.clearJournal();
@@ -147,7 +147,7 @@ TEST(FileIdentity, DeleteOnCloseSparesAFileThatReplacedTheLockedOne) {
   int rc = 0;
   QMELMLHndlp h = host.lock(r, NX | EX, &rc);
   ASSERT_NE(h, nullptr);
-  close(open(repl.c_str(), O_CREAT | O_RDWR, 0644));
+  touch(repl);
   ASSERT_EQ(rename(repl.c_str(), path.c_str()), 0);
   std::optional<Holder> other(std::in_place, path);  // another process holds the replacement
   ASSERT_EQ(other->line, "locked");
@@ -250,7 +250,7 @@ TEST(FileIdentity, NamesWithNulAndFifosNeverOpenWhatTheyShouldNot) {
   TestHost host;
   TempDir dir;
   const std::string victim = dir.file("victim");
-  close(open(victim.c_str(), O_CREAT | O_RDWR, 0644));
+  touch(victim);
   LockRequest r(victim + "?/../other", O_RDWR | O_CREAT, QMELM_FLAG_DELETE_ON_CLOSE);
   r.name[victim.size()] = 0;  // "victim<NUL>/../other"
   const size_t blocks = host.liveBlocks();
@@ -359,7 +359,7 @@ TEST(FileIdentity, ThreadsOverFilesWithTwoNamesNeverLoseTheProcessLock) {
   std::vector<std::string> names;
   for (char f = '0'; f < '0' + kFiles; ++f) {
     const std::string p = dir.file(std::string{'f', f}), l = dir.file(std::string{'l', f});
-    close(open(p.c_str(), O_CREAT | O_RDWR, 0644));
+    touch(p);
     ASSERT_EQ(symlink(p.c_str(), l.c_str()), 0);
     names.push_back(p);
     names.push_back(l);

@@ -127,7 +127,7 @@ TEST(LockChange, RecordLockCallsFollowTheExternalCounts) {
   // lock is refused with EAGAIN, and nothing is committed.
   EXPECT_EQ(host.fn().LockChange(h, &r.parms, ENX, nullptr), 0);
   const std::string repl = dir.file("repl");
-  close(open(repl.c_str(), O_CREAT | O_RDWR, 0644));
+  touch(repl);
   renameFrom = repl;
   renameTo = path;
   seam.table().fcntl = [](int fd, int cmd, void *arg) {
@@ -147,7 +147,7 @@ TEST(LockChange, ARefusalByAnotherProcessChangesNothingButContinueCommits) {
   TestHost host;
   TempDir dir;
   const std::string path = dir.file("f");
-  close(open(path.c_str(), O_CREAT | O_RDWR, 0644));
+  touch(path);
   LockRequest r(path, O_RDWR);
   int rc = 0;
   QMELMLHndlp h = host.lock(r, NX | ENX | QMELM_OPT_FAIL, &rc);
@@ -193,7 +193,7 @@ TEST(LockChange, AnotherAccessModeTakesANewOrParkedDescriptor) {
   TestHost host;
   TempDir dir;
   const std::string path = dir.file("f");
-  close(open(path.c_str(), O_CREAT | O_RDWR, 0644));
+  touch(path);
   LockRequest r(path, O_RDWR | O_CREAT), ro(path, O_RDONLY);
   int rc = 0;
   QMELMLHndlp h = host.lock(ro, NX | ENX, &rc);
@@ -249,7 +249,7 @@ TEST(LockChange, FailedAllocationsAndOverlongMessagesLeaveEverythingAsItWas) {
   TestHost host;
   TempDir dir;
   const std::string path = dir.file("f");
-  close(open(path.c_str(), O_CREAT | O_RDWR, 0644));
+  touch(path);
   LockRequest ro(path, O_RDONLY), rw(path, O_RDWR);
   int rc = 0;
   QMELMLHndlp h = host.lock(ro, NX | ENX, &rc);

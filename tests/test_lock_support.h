@@ -61,6 +61,11 @@ inline std::pair<size_t, size_t> footprint(TestHost &host, const std::string &ot
   return {host.stats().pool_blocks, host.stats().mutexes};
 }
 
+// Creates path (empty) when it does not exist.
+inline void touch(const std::string &path) {
+  close(open(path.c_str(), O_CREAT | O_RDWR, 0644));
+}
+
 // I/O increments that identify a record: bytesRead n (a power of two each),
 // bytesWritten 2n, one read, write and seek.
 inline QMELMIOStats ioIncrement(QMIOSize n) {
