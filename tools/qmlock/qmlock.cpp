@@ -1,7 +1,9 @@
-// qmlock: the lock manager from the command line. One face per first
-// argument (run, probe, shell, demo); invoked under the name "flock" (a
-// symbolic link) it is flock(1) for scripts, on the lock manager's record
-// locks. This file dispatches and holds what the faces share.
+// qmlock: file locks from the command line. One face per first argument
+// (run, probe, locks, shell, demo); invoked under the name "flock" (a
+// symbolic link) it is util-linux flock(1), under "lslocks" it lists locks
+// with lslocks(8)'s options. run, probe and locks use the kernel's locks
+// directly; shell and demo drive the lock manager. This file dispatches and
+// holds what the faces share.
 #include "qmlock.h"
 
 #include <dlfcn.h>
@@ -115,14 +117,17 @@ void usage(FILE *out) {
                "usage: qmlock run [options] FILE|DIR COMMAND [ARG...]\n"
                "       qmlock run [options] FILE|DIR -c COMMANDLINE\n"
                "       qmlock run [options] FD\n"
-               "       qmlock probe FILE...\n"
+               "       qmlock probe [--json] FILE...\n"
+               "       qmlock locks [--pid PID] [--json] [DIR...]\n"
                "       qmlock shell [SCRIPT]\n"
                "       qmlock demo\n"
                "       qmlock --version | --help\n"
                "\n"
                "  run    hold a lock on FILE while COMMAND runs, or lock descriptor FD\n"
-               "         (flock(1)'s command line; 'qmlock run --help' lists the options)\n"
-               "  probe  tell who holds each FILE, without locking it\n"
+               "         (flock(1)'s command line; 'qmlock run --help' lists the options\n"
+               "         and which locks it takes)\n"
+               "  probe  list every lock on each FILE and its holders, taking none\n"
+               "  locks  list the locks under each DIR, or of a process\n"
                "  shell  drive every operation of the lock manager, one command a line\n"
                "  demo   show the lock manager at work in a temporary directory\n"
                "\n"
@@ -138,6 +143,7 @@ int main(int argc, char **argv) {
   const char *slash = argc > 0 ? std::strrchr(argv[0], '/') : nullptr;
   const char *invokedAs = argc == 0 ? "qmlock" : slash != nullptr ? slash + 1 : argv[0];
   if (std::strcmp(invokedAs, "flock") == 0) return runMain(argc, argv, invokedAs);
+  if (std::strcmp(invokedAs, "lslocks") == 0) return locksMain(argc, argv, invokedAs);
 
   if (argc < 2) {
     usage(stderr);
@@ -151,6 +157,7 @@ int main(int argc, char **argv) {
   }
   if (face == "run") return runMain(argc - 1, argv + 1, nullptr);
   if (face == "probe") return probeMain(argc - 1, argv + 1);
+  if (face == "locks") return locksMain(argc - 1, argv + 1, "qmlock locks");
   if (face == "shell") return shellMain(argc - 1, argv + 1);
   if (face == "demo") return demoMain(argc - 1, argv + 1);
   std::fprintf(stderr, "qmlock: unknown command '%s'\n", argv[1]);

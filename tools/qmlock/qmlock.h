@@ -23,13 +23,16 @@ enum Exit : int {
   kExitSoftware = 70,     // EX_SOFTWARE
   kExitOsErr = 71,        // EX_OSERR: out of memory, descriptors or locks
   kExitCantCreat = 73,    // EX_CANTCREAT: the lock file cannot be created
-  kExitConfig = 78,       // EX_CONFIG: the lock manager cannot be loaded
+  kExitConfig = 78,       // EX_CONFIG: the lock manager cannot be loaded (shell, demo)
 };
 
 // qmlock run FILE|DIR COMMAND..., qmlock run FD; with flockName set, the tool
-// is flock(1) under that name (argv[0] of a symbolic link named flock).
+// is util-linux flock(1) under that name (argv[0] of a symbolic link named
+// flock): one lock of flock(1)'s kind instead of qmlock run's two.
 int runMain(int argc, char **argv, const char *flockName);
 int probeMain(int argc, char **argv);
+// qmlock locks, and lslocks(8)'s options under that name; name prefixes messages.
+int locksMain(int argc, char **argv, const char *name);
 int shellMain(int argc, char **argv);
 int demoMain(int argc, char **argv);
 
