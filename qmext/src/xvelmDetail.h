@@ -43,6 +43,16 @@ struct QMLiteral {
 inline constexpr QMLiteral kFmtCountedString("%.*s");  // a counted QMChar string
 inline constexpr QMLiteral kRootPath("/");
 
+// ---- lock types -------------------------------------------------------------
+
+// Every bit a lock type defines (0x001 to 0x200); a type with any other bit
+// is refused by acquisition and change alike.
+inline constexpr QMMemSize kDefinedLockTypeBits =
+    QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_EXT_EXCLUSIVE | QMELM_EXT_NONEXCLUSIVE |
+    QMELM_NOINTERNAL_LOCK | QMELM_NOEXTERNAL_LOCK | QMELM_SHARED | QMELM_OPT_NONE |
+    QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;
+static_assert(kDefinedLockTypeBits == 0x3ff);
+
 // ---- mutexes -------------------------------------------------------------
 
 enum class LockMode : int { Shared = 0, Exclusive = 1 };
@@ -71,9 +81,6 @@ class XVELM_TSA(scoped_lockable) MutexGuard {
   }
   bool held() const { return held_; }
   explicit operator bool() const { return held_; }
-  // Leaves the mutex held when the guard goes: only for an exit that is
-  // documented to keep it (the I/O list's failed allocation).
-  void keepHeld() { held_ = false; }
   // The host's status for a refused get; 0 while held.
   QMStatus status() const { return held_ ? 0 : status_; }
 
@@ -258,6 +265,7 @@ struct Syscalls {
   int (*fstat)(int fd, struct stat *st);
   off_t (*lseek)(int fd, off_t offset, int whence);
   int (*unlink)(const char *path);
+  int (*ftruncate)(int fd, off_t length);
 };
 
 // The table in use. Tests may overwrite entries while no other thread is in
@@ -269,9 +277,18 @@ void resetSyscalls() noexcept;
 
 // What lock acquisition really allocates for a handle: the public handle and
 // the link of the process-wide set of live handles.
+// What the request's name led to when the acquisition looked it up (its
+// stat before the node was entered).
+struct NameLookup {
+  bool found = false;  // stat succeeded
+  dev_t dev = 0;
+  ino_t ino = 0;
+};
+
 struct HandleBlock {
   XVELMLHndl pub;
   HandleBlock *nextLive;  // chain of the set's bucket; guarded by the bucket's lock
+  NameLookup name;        // the acquisition's look-up of the name, for its identity check
 };
 
 // The set of live handles of every lock manager in the process. A handle

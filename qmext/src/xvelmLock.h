@@ -1,8 +1,8 @@
 /*
  * xvelmLock.h - private types and helpers of file locking: the node and I/O
- * record as they are really allocated, the descriptor lists, the open(2)
- * loop, the errno-to-status table of opens, and the one composer of
- * file-lock failure messages shared by acquisition, release and close.
+ * record as they are really allocated, the descriptor lists, and the one
+ * composer of file-lock failure messages shared by acquisition, change,
+ * release and close.
  * Internal to the extension.
  */
 #ifndef XVELM_LOCK_H
@@ -101,38 +101,6 @@ inline void unlinkDescriptor(XVELMFileDescriptorp &head, XVELMFileDescriptorp d)
   d->next = d->prev = nullptr;
 }
 
-// ---- open(2) -----------------------------------------------------------------
-
-// Which caller's errno table applies to a failed open: lock change does not
-// map EEXIST (it never creates a file exclusively).
-enum class OpenCaller { Acquisition, Change };
-
-// The status of a failed open(2) for errno err (ESTALE only after its retry).
-[[nodiscard]] QMStatus openFailureStatus(int err,
-                                         OpenCaller caller = OpenCaller::Acquisition) noexcept;
-
-// open(2) through the system-call table with close-on-exec and without
-// blocking, retried without limit on EINTR and once on ESTALE. Returns the
-// descriptor, or -1 with errno of the last try.
-[[nodiscard]] int openRetrying(const char *path, uint32_t flags, uint32_t mode) noexcept;
-
-// After a successful openRetrying of a file whose fstat is st: descriptors 0
-// to 2 lose close-on-exec again, and a file other than a regular one gets
-// back the blocking mode its opener asked for.
-void settleOpened(int fd, uint32_t flags, const struct stat &st) noexcept;
-
-// A descriptor just opened under a node's name, described and checked
-// against the node's file (recorded as the node's file when it has none).
-struct Opened {
-  struct stat st;  // what fstat said
-  bool described;  // fstat succeeded
-  Identity id;     // Other: not the node's file (or not describable)
-};
-[[nodiscard]] Opened recordOpened(NodeState *node, int fd, uint32_t flags) noexcept;
-// Gives up a descriptor that recordOpened found to be another file: closed
-// through the file table, so that no lock of the process on that file goes.
-void giveUpStray(const Opened &o, int fd) noexcept;
-
 // ---- file-lock failure messages -----------------------------------------------
 
 // What follows the resource name in a file-lock failure message.
@@ -179,7 +147,20 @@ inline void messageName(const XVELMFileLockParms *parms, const NodeState *node, 
 // Called while a dead node is destroyed (its NodeDeleteMutex and NodeMutex
 // held): under IOInfoMutex, frees the node's retired records and leaves its
 // records still on the list to the next reset, which frees them once closed.
+// Never waits for anything but IOInfoMutex.
 void detachIORecords(QMELMExtension *ext, NodeState *node, QMJnlh jnl) noexcept;
+
+// fork() and the I/O records of one extension. Prepare is called with ext's
+// IOInfoMutex held by the forking thread (and only when it was granted): it
+// takes the mutex of every record on ext's list, in list order, stopping at
+// one the host refuses. Then exactly one of the others, still under
+// IOInfoMutex: in the parent, the record mutexes prepare took are given
+// back; in the child, every record on the list gets a new mutex (the old
+// one is left to the host), so that update, reset and locked queries work
+// there. Record mutexes come after IOInfoMutex in the lock order.
+void ioPrepareFork(QMELMExtension *ext) noexcept;
+void ioParentAfterFork(QMELMExtension *ext) noexcept;
+void ioChildAfterFork(QMELMExtension *ext) noexcept;
 
 }  // namespace xvelm::detail
 

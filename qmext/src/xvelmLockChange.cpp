@@ -17,7 +17,7 @@
 
 #include "xvelm.h"
 #include "xvelmHolders.h"
-#include "xvelmLock.h"
+#include "xvelmRecordLock.h"
 
 namespace {
 
@@ -28,37 +28,43 @@ constexpr QMMemSize kForbidden = QMELM_NOINTERNAL_LOCK | QMELM_NOEXTERNAL_LOCK |
 constexpr QMMemSize kInternalBits = QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_SHARED;
 constexpr QMMemSize kExternalBits = QMELM_EXT_EXCLUSIVE | QMELM_EXT_NONEXCLUSIVE;
 constexpr QMMemSize kOptionBits = QMELM_OPT_NONE | QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;
-constexpr int kBusyErrno = 11;  // a file lost under its name is reported busy (EAGAIN)
+// A held type's external part (with "no external lock") and internal part
+// (with "shared" and "no internal lock"): what a change keeps of it when
+// the new type does not name that part.
+constexpr QMMemSize kHeldExternalPart = kExternalBits | QMELM_NOEXTERNAL_LOCK;  // 0x02c
+constexpr QMMemSize kHeldInternalPart =
+    QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LOCK | QMELM_SHARED;  // 0x053
 constexpr QMStrSize kDescriptionChars = 1024;
 
-// Step 2: a type no holder could have.
+// A type no holder could have: bits no lock type defines, or two bits of
+// one part that exclude each other.
 bool invalidNewType(QMMemSize W) {
-  return ((W & QMELM_INT_EXCLUSIVE) && (W & QMELM_INT_NONEXCLUSIVE)) ||
+  return (W & ~kDefinedLockTypeBits) != 0 || ((W & QMELM_INT_EXCLUSIVE) && (W & QMELM_INT_NONEXCLUSIVE)) ||
          ((W & QMELM_EXT_EXCLUSIVE) && (W & QMELM_EXT_NONEXCLUSIVE)) ||
          ((W & QMELM_SHARED) &&
           !(W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LOCK)));
 }
 
-// Step 3: a change that asks for option or no-lock bits, or for a part of
+// A change that asks for option or no-lock bits, or for a part of
 // the lock the handle does not take at all.
 bool changeNotAllowed(QMMemSize O, QMMemSize W) {
   return (W & kForbidden) || ((W & kInternalBits) && (O & QMELM_NOINTERNAL_LOCK)) ||
          ((W & kExternalBits) && (O & QMELM_NOEXTERNAL_LOCK));
 }
 
-// Step 4: the new type. Options stay; each part is W's when W names one
+// The new type. Options stay; each part is W's when W names one
 // (the internal one only when it differs from O's), else O's.
 QMMemSize composeType(QMMemSize O, QMMemSize W) {
   QMMemSize T = O & kOptionBits;
-  T |= (W & kExternalBits) ? (W & kExternalBits) : (O & 0x02c);
+  T |= (W & kExternalBits) ? (W & kExternalBits) : (O & kHeldExternalPart);
   const QMMemSize wInternal = W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_SHARED);
-  const QMMemSize oInternal = O & 0x053;
+  const QMMemSize oInternal = O & kHeldInternalPart;
   const bool wNames = (W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE)) != 0;
   T |= (wNames && wInternal != (oInternal & kInternalBits)) ? wInternal : oInternal;
   return T;
 }
 
-// Step 6: the internal recount on copies. Returns 0, or the conflict.
+// The internal recount on copies. Returns 0, or the conflict.
 QMStatus recountInternal(QMMemSize O, QMMemSize T, InternalCounts &c) {
   if ((O & QMELM_NOINTERNAL_LOCK) || (O & kInternalBits) == (T & kInternalBits)) return 0;
   const bool oExcl = O & QMELM_INT_EXCLUSIVE, oShared = O & QMELM_SHARED;
@@ -132,7 +138,6 @@ class Change {
   [[nodiscard]] QMStatus switchDescriptor() noexcept;
   [[nodiscard]] QMStatus openSwitched(XVELMFileDescriptorp *out) noexcept;
   [[nodiscard]] QMStatus recordLock(QMMemSize T, QMMemSize E0, QMMemSize E, QMMemSize N) noexcept;
-  [[nodiscard]] QMStatus analyse(int fd, struct flock &req, int err, QMMemSize T) const;
   void rollBack() noexcept;
 
   QMELMLHndlp lock_;
@@ -146,6 +151,7 @@ class Change {
   XVELMFileDescriptorp newFdp_ = nullptr;
   XVELMFileHandle oldFileHandle_{};
   bool madeFileHandle_ = false;
+  bool truncate_ = false;  // the new descriptor was asked for with O_TRUNC
 };
 
 // The failure's text, then two descriptions (old and new) or one (new).
@@ -181,59 +187,56 @@ QMStatus Change::reportConflict(QMStatus st) const {
 // A new descriptor for the handle, opened with the caller's flags under the
 // node's name: it must be the node's file.
 QMStatus Change::openSwitched(XVELMFileDescriptorp *out) noexcept {
-  PoolPtr<XVELMFileDescriptor> rec(ext_->Pool, jnl_);
-  if (!rec.allocate()) return journaled(jnl_, QMELM_E_NO_MEMORY);
-  rec->fd = -1;
-  rec->openflags = parms_->OpenFlags;
-  rec->permissionsmask = parms_->PermissionsMask;
-  const int fd = openRetrying(file().ID.NarrowFilename, parms_->OpenFlags, parms_->PermissionsMask);
-  if (fd < 0) {
-    const int err = errno;
-    parms_->Errno = err;
-    const QMStatus st = openFailureStatus(err, OpenCaller::Change);
-    (void)journalFileLockFailure(ext_, jnl_, text(st, MessageTail::Errno, err),
-                                 Rendering::CheckedFitName);
-    return st;
+  const Opening o = openDescriptor(ext_, node_, parms_->OpenFlags, parms_->PermissionsMask);
+  switch (o.outcome) {
+    case Opening::Outcome::NoRecord:
+      return journaled(jnl_, QMELM_E_NO_MEMORY);
+    case Opening::Outcome::Failed: {
+      (void)freeBlock(ext_->Pool, o.rec, jnl_);
+      parms_->Errno = o.err;
+      const QMStatus st = openFailureStatus(o.err, OpenCaller::Change);
+      (void)journalFileLockFailure(ext_, jnl_, text(st, MessageTail::Errno, o.err),
+                                   Rendering::CheckedFitName);
+      return st;
+    }
+    case Opening::Outcome::Replaced: {
+      // Another file under the node's name (or one that cannot be told):
+      // refused as a lock lost to a rename is; the step gave the descriptor
+      // up without dropping any lock of the process.
+      (void)journalFileLockFailure(ext_, jnl_,
+                                   text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
+                                   Rendering::Unchecked);
+      struct flock req {};
+      const int fd = h_->FDP != nullptr ? h_->FDP->fd : -1;
+      const QMStatus status =
+          analyseRefusal(fd, req, kBusyErrno, lock_->Private.LockType, RefusalRules::Change, parms_)
+              .status;
+      return status != 0 ? status : QMELM_E_EXT_LOCK_FAILED;
+    }
+    case Opening::Outcome::Opened:
+      break;
   }
-  const Opened opened = recordOpened(node_, fd, parms_->OpenFlags);
-  if (opened.id == Identity::Other) {
-    // Another file under the node's name: refused as a lock lost to a
-    // rename is, and the descriptor given up through the file table.
-    (void)journalFileLockFailure(ext_, jnl_,
-                                 text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
-                                 Rendering::Unchecked);
-    struct flock req {};
-    const QMStatus status = analyse(fd, req, EAGAIN, lock_->Private.LockType);
-    giveUpStray(opened, fd);
-    return status != 0 ? status : QMELM_E_EXT_LOCK_FAILED;
-  }
-  rec->fd = fd;
-  pushDescriptor(file().OpenFileDescriptorList, rec.get());
-  *out = rec.release();
+  truncate_ = o.truncate;
+  *out = o.rec;
   return 0;
 }
 
-// Step 8: keeps the descriptor when the access mode is the same, else takes
+// Keeps the descriptor when the access mode is the same, else takes
 // a parked one with exactly the caller's flags, or opens one.
 QMStatus Change::switchDescriptor() noexcept {
   XVELMFileDescriptorp cur = h_->FDP;
   if (cur != nullptr && (parms_->OpenFlags & O_ACCMODE) == (cur->openflags & O_ACCMODE)) return 0;
-  XVELMFileDescriptorp d = file().ClosedFileDescriptorList;
-  while (d != nullptr && d->openflags != parms_->OpenFlags) d = d->next;
-  if (d != nullptr) {
-    (void)sys().lseek(d->fd, 0, SEEK_SET);  // the result is not tested
-    unlinkDescriptor(file().ClosedFileDescriptorList, d);
-    pushDescriptor(file().OpenFileDescriptorList, d);
-  } else if (const QMStatus st = openSwitched(&d); st != 0) {
-    return st;
+  bool rewindFailed = false;  // not reported here: the descriptor is used all the same
+  XVELMFileDescriptorp d = takeParked(node_, parms_->OpenFlags, &rewindFailed);
+  if (d == nullptr) {
+    if (const QMStatus st = openSwitched(&d); st != 0) return st;
   }
   auto *fh = static_cast<XVELMFileHandle *>(lock_->Public.ResourceHandle);
   if (fh == nullptr) {
     fh = static_cast<XVELMFileHandle *>(
         ext_->Pool->memAlloc(ext_->Pool, sizeof(XVELMFileHandle), QM_POOL_ZERO_FILL));
     if (fh == nullptr) {
-      unlinkDescriptor(file().OpenFileDescriptorList, d);
-      pushDescriptor(file().ClosedFileDescriptorList, d);
+      park(node_, d);
       return journaled(jnl_, QMELM_E_NO_MEMORY);
     }
     lock_->Public.ResourceHandle = fh;
@@ -253,8 +256,7 @@ QMStatus Change::switchDescriptor() noexcept {
 // descriptor is parked, FDP and the caller's file handle restored.
 void Change::rollBack() noexcept {
   if (newFdp_ == nullptr) return;
-  unlinkDescriptor(file().OpenFileDescriptorList, newFdp_);
-  pushDescriptor(file().ClosedFileDescriptorList, newFdp_);
+  park(node_, newFdp_);
   h_->FDP = oldFdp_;
   if (madeFileHandle_) {
     (void)freeBlock(ext_->Pool, lock_->Public.ResourceHandle, jnl_);
@@ -265,62 +267,30 @@ void Change::rollBack() noexcept {
   newFdp_ = nullptr;
 }
 
-// The refusal analysis: Errno, LockerPID and SystemID from what F_GETLK
-// reports; the status by the returned type and the bits of T as they stand
-// (0 for an undetermined refusal, which option Continue may commit).
-QMStatus Change::analyse(int fd, struct flock &req, int err, QMMemSize T) const {
-  parms_->Errno = err;
-  errno = 0;
-  req.l_type = F_WRLCK;
-  req.l_whence = SEEK_SET;
-  req.l_start = 0;
-  req.l_len = 0;
-  if (sys().fcntl(fd, F_GETLK, &req) == -1) {
-    parms_->Errno = errno;
-    req.l_type = F_UNLCK;
-  }
-  parms_->LockerPID = req.l_pid;
-  parms_->SystemID = 0;  // struct flock has no system id here
-  if (req.l_type == F_WRLCK &&
-      (T & (QMELM_EXT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_EXT_NONEXCLUSIVE)))
-    return QMELM_E_EXT_LOCKED_EXCLUSIVE;
-  if (req.l_type == F_RDLCK && (T & QMELM_EXT_EXCLUSIVE)) return QMELM_E_EXT_LOCKED_SHARED;
-  return 0;
-}
-
-// Step 9: the record lock follows the new external counts, through the file
+// The record lock follows the new external counts, through the file
 // table (which sends nothing when another node of the file needs the lock
 // as it is). Returns 0 to commit, or the refusal.
 QMStatus Change::recordLock(QMMemSize T, QMMemSize E0, QMMemSize E, QMMemSize N) noexcept {
   if ((E0 != 0) == (E != 0)) return 0;
-  const Need want = needOf(E, N);
   const int fd = h_->FDP != nullptr ? h_->FDP->fd : -1;
-  struct flock req {};
-  int rc = 0, err = 0;
-  {
-    TableLock t(node_->link);
-    rc = setNeed(t, node_->link, want, fd, req);
-    err = errno;
-  }
-  if (rc == 0) {
-    // A lock taken is checked against the name: a file that replaced ours
-    // between the descriptor switch and the lock is not ours. (Giving a lock
-    // down cannot lose the file.)
-    struct stat byName {};
-    if (E0 != 0 ||
-        (sys().stat(file().ID.NarrowFilename, &byName) == 0 && isNodeFile(node_->link, byName))) {
+  RecordLockResult r = setRecordLock(node_, needOf(E, N), fd);
+  int err = r.err;
+  switch (r.outcome) {
+    case RecordLockResult::Outcome::Granted:
+    case RecordLockResult::Outcome::NoLocksHere:
       file().FcntlLockSet = 1;
       return 0;
-    }
-    (void)journalFileLockFailure(ext_, jnl_,
-                                 text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
-                                 Rendering::Unchecked);
-    err = EAGAIN;
-  } else if (err == EOPNOTSUPP || err == EROFS || err == EINVAL) {
-    file().FcntlLockSet = 1;  // no record locks on this file system
-    return 0;
+    case RecordLockResult::Outcome::NameLost:
+      // The raise was undone: the name leads to another file than ours.
+      (void)journalFileLockFailure(ext_, jnl_,
+                                   text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
+                                   Rendering::Unchecked);
+      err = kBusyErrno;
+      break;
+    case RecordLockResult::Outcome::Refused:
+      break;
   }
-  QMStatus st = analyse(fd, req, err, T);
+  QMStatus st = analyseRefusal(fd, r.req, err, T, RefusalRules::Change, parms_).status;
   if (st == 0) {
     if (T & QMELM_OPT_CONTINUE) {
       // Asked to go on whatever the record lock does: committed as if the
@@ -362,6 +332,17 @@ QMStatus Change::run(QMMemSize W) noexcept {
     rollBack();
     return st;
   }
+  // A new descriptor asked for with O_TRUNC empties the file only now, with
+  // the lock granted; a failure undoes the change, record lock included.
+  if (truncate_ && truncateGranted(newFdp_->fd) != 0) {
+    const int err = errno;
+    if ((E0 != 0) != (E != 0)) (void)setRecordLock(node_, needOf(E0, res().ext_nonexclusive), h_->FDP->fd);
+    rollBack();
+    parms_->Errno = err;
+    const QMStatus st = openFailureStatus(err, OpenCaller::Change);
+    (void)journalFileLockFailure(ext_, jnl_, text(st, MessageTail::Errno, err), Rendering::Checked);
+    return st;
+  }
 
   // Commit.
   res().ext_exclusive = E;
@@ -382,14 +363,15 @@ int xvelmLockChange(QMELMLHndlp lock, QMMemPtr lockParms, QMMemSize newLockType,
                     QMJnlh jnl) noexcept {
   // A handle is only read once it is known to be live: a released one (or a
   // pointer never handed out) is answered without touching its memory.
+  // The caller's out field is cleared first, whatever the answer.
+  auto *parms = static_cast<XVELMFileLockParms *>(lockParms);
+  if (parms != nullptr) parms->AcquiredLockType = 0;
   if (lock == nullptr) return journaled(chooseJournal(nullptr, jnl), QMELM_E_NULL_HANDLE);
   if (!handleIsLive(lock)) return journaled(chooseJournal(nullptr, jnl), QMELM_E_DEAD_NODE);
   QMELMExtension *ext = fileHandleOf(lock)->ExtensionHndl;
   jnl = chooseJournal(ext, jnl);
   if (nodeOf(lock)->generation != forkGeneration()) return journaled(jnl, QMELM_E_FORKED_HANDLE);
-  auto *parms = static_cast<XVELMFileLockParms *>(lockParms);
   if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
-  parms->AcquiredLockType = 0;
   Change change(lock, parms, jnl);
   return change.run(newLockType);
 }

@@ -33,7 +33,6 @@ struct NarrowName {
   QMMemSize padLen = 1;  // the width of the terminating NUL
   unsigned long inode = 0, device = 0;
   QMIOSize size = 0;
-  bool present = false;  // the file exists (or stat failed for another reason than ENOENT)
 };
 
 // Dead nodes taken off LockList and the name index, chained through their
@@ -347,8 +346,8 @@ QMStatus Acquisition::makeNarrowName(QMNLSPipelineh pipe, HostObject<QMNLSPipeli
   return 0;
 }
 
-// Identity and size of the file as it is now. A file counts as present
-// unless stat says it does not exist.
+// Identity and size of the file as it is now, kept in the handle for the
+// identity check every grant passes. A failed stat leaves them 0.
 void Acquisition::statName() noexcept {
   struct stat st {};
   errno = 0;
@@ -356,9 +355,7 @@ void Acquisition::statName() noexcept {
     nn_.inode = st.st_ino;
     nn_.device = st.st_dev;
     nn_.size = st.st_size;
-    nn_.present = true;
-  } else {
-    nn_.present = errno != ENOENT;
+    block_->name = NameLookup{true, st.st_dev, st.st_ino};
   }
 }
 
@@ -371,10 +368,10 @@ QMStatus Acquisition::acquireOnExisting(NodeState *node) noexcept {
 }
 
 // No node has the name: make one and put it at the head of LockList
-// (ListMutex held on entry). For a file that does not exist yet ListMutex is
-// kept until the acquisition is over, deliberately: no second caller may
-// find the node (and so create the same file) before its first holder has
-// the file open.
+// (ListMutex held on entry). The node's NodeMutex is taken before ListMutex
+// is given back, so no second caller can enter the node (and so create the
+// same absent file) before its first holder has the file open; requests for
+// other files do not wait for that open.
 QMStatus Acquisition::acquireOnNew(std::optional<MutexGuard> &list) noexcept {
   QMPoolh pool = ext_->Pool;
   PoolPtr<NodeState> node(pool, jnl_);
@@ -425,7 +422,7 @@ QMStatus Acquisition::acquireOnNew(std::optional<MutexGuard> &list) noexcept {
     queueDeadNode(n);
     return fail(nm.status());
   }
-  if (nn_.present) list.reset();
+  list.reset();
   lock()->Private.ResLock = &f.CommonLock;
   const QMStatus st = acquireOn(lock(), parms_, jnl_);
   // A node whose first acquisition failed stays on the list, dead, for the

@@ -1,138 +1,25 @@
 /*
  * xvelmLockGetExternal - gives a new handle a descriptor (a parked one with
- * the same flags, or a fresh open) and, for the process's first external
+ * the same flags, or a fresh open) and, for the node's first external
  * holder, the non-blocking record lock on the whole file. Expects NodeMutex
  * held. Allocates descriptor records (the node's lists own them). Returns 0,
- * an open status, a refusal (QMELM_E_EXT_*) or QMELM_E_NO_MEMORY.
+ * an open status, a refusal (QMELM_E_EXT_*) or QMELM_E_NO_MEMORY. What
+ * touches the file (open, the identity checks, the record lock, the refusal
+ * analysis, truncation) is the record-lock step's; this file keeps the
+ * acquisition's decisions and messages.
  */
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 
 #include "xvelm.h"
 #include "xvelmHolders.h"
-#include "xvelmLock.h"
-
-// Record locks belong to the process, not to a descriptor: the one F_SETLK
-// of the first external holder covers every thread and every descriptor of
-// the process on the file, and closing ANY descriptor of the file drops all
-// of them. That is why later holders only count, and why a descriptor a
-// handle no longer needs is parked on the node, never closed, until the
-// node's last holder goes (xvelmCloseFile).
-
-namespace xvelm::detail {
-
-QMStatus openFailureStatus(int err, OpenCaller caller) noexcept {
-  switch (err) {
-    case ENOENT:
-      return QMELM_E_FILE_NOT_FOUND;
-    case ENOMEM:
-      return QMELM_E_OS_NO_MEMORY;
-    case EACCES:
-    case EROFS:
-      return QMELM_E_ACCESS_DENIED;
-    case EEXIST:
-      return caller == OpenCaller::Acquisition ? QMELM_E_FILE_EXISTS : QMELM_E_OPEN_FAILED;
-    case ENOTDIR:
-    case ESTALE:
-      return QMELM_E_PATH_NOT_FOUND;
-    case ENFILE:
-    case EMFILE:
-      return QMELM_E_TOO_MANY_FILES;
-    case ETXTBSY:
-      return QMELM_E_EXT_LOCK_FAILED;
-    default:
-      return QMELM_E_OPEN_FAILED;
-  }
-}
-
-// The descriptor is opened with close-on-exec set by open itself: set
-// afterwards, another thread's fork and exec in between would hand the file
-// (and a way to drop our record lock) to another program. It is opened
-// without blocking too: no request may wait for another party, and open(2)
-// of a FIFO waits for its other end (a FIFO opened for writing without a
-// reader fails at once with ENXIO instead).
-int openRetrying(const char *path, uint32_t flags, uint32_t mode) noexcept {
-  const int how = static_cast<int>(flags) | O_CLOEXEC | O_NONBLOCK;
-  int stale = 0;
-  for (;;) {
-    const int fd = sys().open(path, how, static_cast<mode_t>(mode));
-    if (fd >= 0) return fd;
-    if (errno == EINTR) continue;                  // interrupted: as often as it takes
-    if (errno == ESTALE && ++stale < 2) continue;  // a stale handle once: the server may recover
-    return -1;
-  }
-}
-
-void settleOpened(int fd, uint32_t flags, const struct stat &st) noexcept {
-  // Descriptors 0 to 2 are deliberately left without close-on-exec: a host
-  // that runs with a standard stream closed gets its file there, and must
-  // still see it in a child it execs.
-  if (fd <= 2) (void)sys().fcntl(fd, F_SETFD, nullptr);
-  // O_NONBLOCK changes nothing for a regular file; any other file gets the
-  // blocking behaviour its opener asked for back.
-  if (!S_ISREG(st.st_mode) && !(flags & O_NONBLOCK))
-    (void)sys().fcntl(
-        fd, F_SETFL,
-        reinterpret_cast<void *>(static_cast<intptr_t>(flags & ~uint32_t{O_NONBLOCK})));
-}
-
-Opened recordOpened(NodeState *node, int fd, uint32_t flags) noexcept {
-  Opened o{};
-  o.described = sys().fstat(fd, &o.st) == 0;
-  settleOpened(fd, flags, o.st);
-  o.id = Identity::Other;
-  if (o.described) {
-    TableLock t(o.st);
-    o.id = recordFile(t, node->link, o.st);
-  }
-  return o;
-}
-
-void giveUpStray(const Opened &o, int fd) noexcept {
-  if (!o.described) {
-    (void)sys().close(fd);  // a file nobody can name: no lock of ours can be on it
-    return;
-  }
-  TableLock t(o.st);
-  closeStray(t, fd, o.st);
-}
-
-bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl, const FailureText &t,
-                            Rendering r) noexcept {
-  if (jnl == nullptr) return true;
-  Message msg(ext, jnl,
-              r == Rendering::Unchecked ? Message::Mode::Unchecked : Message::Mode::Checked);
-  msg.status(t.head).status(QMELM_M_INT_LOCK_CONFLICT);
-  if (r == Rendering::CheckedFitName) msg.requireRoom(t.nameLen);
-  msg.text(t.name, t.nameLen).status(QMELM_M_RESOURCE_END);
-  switch (t.tail) {
-    case MessageTail::Errno:
-      msg.status(QMELM_M_ERRNO, t.err);
-      break;
-    case MessageTail::End:
-      break;
-    case MessageTail::DoubledEnd:
-      msg.status(QMELM_M_RESOURCE_END);
-      break;
-  }
-  (void)msg.journal();
-  // A buffer the pool refused is no composition failure: there was nothing
-  // to compose in.
-  return !(msg.active() && msg.abandoned());
-}
-
-}  // namespace xvelm::detail
+#include "xvelmRecordLock.h"
 
 namespace {
 
 using namespace xvelm::detail;
-
-// The errno a rewind or identity failure reports, whatever the system said:
-// the file is to be treated as busy (EAGAIN).
-constexpr int kBusyErrno = 11;
 
 // One acquisition in progress: the handle, its node and the caller's request.
 struct External {
@@ -150,106 +37,93 @@ struct External {
     return FailureText{head, parms->Filename, static_cast<QMStrSize>(parms->FilenameLen), tail,
                        err};
   }
+  // The message of a grant refused because the name no longer leads to the
+  // node's file, or of a failed rewind: the file is named busy.
+  void journalBusy() const {
+    (void)journalFileLockFailure(ext, jnl,
+                                 text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
+                                 Rendering::Unchecked);
+  }
 
   // The common failure exit: park the handle's descriptor (a refusal leaves
   // it open for the next holder), close the node's file when no holder has a
   // descriptor left, and undo the internal count. The node's type is not
   // restored: it is only ever read together with the counters.
   [[nodiscard]] QMStatus fail(QMStatus st, XVELMFileDescriptorp parked) const {
-    if (parked != nullptr) {
-      unlinkDescriptor(file().OpenFileDescriptorList, parked);
-      pushDescriptor(file().ClosedFileDescriptorList, parked);
-    }
+    if (parked != nullptr) park(node, parked);
     if (file().OpenFileDescriptorList == nullptr) (void)xvelmCloseFile(lock, parms, jnl);
     uncountInternal(res(), R, NodeTypeAfter::Unchanged);
     return st;
   }
 
-  [[nodiscard]] XVELMFileDescriptorp takeParked(double *openTime) const;
-  [[nodiscard]] QMStatus openFresh(XVELMFileDescriptorp *out, double *openTime) const;
+  [[nodiscard]] bool nameStillLeadsHere() const;
+  [[nodiscard]] QMStatus nameLost() const;
+  [[nodiscard]] QMStatus openFresh(XVELMFileDescriptorp *out, double *openTime,
+                                   bool *truncate) const;
   [[nodiscard]] QMStatus openFailed(XVELMFileDescriptorp rec, int err) const;
-  [[nodiscard]] QMStatus countExternal(XVELMFileDescriptorp d) const;
   [[nodiscard]] QMStatus takeRecordLock(XVELMFileDescriptorp d) const;
   [[nodiscard]] QMStatus refused(XVELMFileDescriptorp d, struct flock &req, int err) const;
-  [[nodiscard]] QMStatus analyseRefusal(int fd, struct flock &req, int err) const;
-  [[nodiscard]] QMStatus replacedUnderName(int fd, const Opened &opened) const;
-
-  mutable int reported_ = 0;  // the errno a refusal's message carries
+  [[nodiscard]] QMStatus truncateFailed(XVELMFileDescriptorp d, bool firstHolder, int err) const;
 };
 
-// A parked descriptor opened with exactly the same flags (the creation mode
-// does not matter: the file exists by now), rewound and moved to the open
-// list; null when there is none. No open happened, so the open time stays 0.
-XVELMFileDescriptorp External::takeParked(double *openTime) const {
-  XVELMFileDescriptorp d = file().ClosedFileDescriptorList;
-  while (d != nullptr && d->openflags != parms->OpenFlags) d = d->next;
-  if (d == nullptr) return nullptr;
-  const off_t pos = sys().lseek(d->fd, 0, SEEK_SET);
-  if (static_cast<uint32_t>(pos) == 0xffffffffu) {
-    // The descriptor is reused all the same; the message names the file as
-    // busy whatever lseek reported.
-    (void)journalFileLockFailure(ext, jnl,
-                                 text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
-                                 Rendering::Unchecked);
-  }
-  unlinkDescriptor(file().ClosedFileDescriptorList, d);
-  pushDescriptor(file().OpenFileDescriptorList, d);
-  *openTime = 0.0;
-  return d;
+// Every grant passes one identity check, whatever descriptor it then uses:
+// the name the request looked up must lead to the node's file. A look-up
+// that disagrees is made again now (the node's first holder may have
+// created the file since), so only a name that leads elsewhere is refused.
+bool External::nameStillLeadsHere() const {
+  if (nameLeadsToNode(node, handleBlockOf(lock)->name)) return true;
+  struct stat st {};
+  NameLookup now;
+  if (sys().stat(file().ID.NarrowFilename, &st) == 0) now = {true, st.st_dev, st.st_ino};
+  return nameLeadsToNode(node, now);
 }
 
-QMStatus External::openFresh(XVELMFileDescriptorp *out, double *openTime) const {
-  auto *rec = static_cast<XVELMFileDescriptorp>(
-      ext->Pool->memAlloc(ext->Pool, sizeof(XVELMFileDescriptor), QM_POOL_ZERO_FILL));
-  if (rec == nullptr) {
-    // The internal count is deliberately left as it is: a caller that runs
-    // out of memory here leaves the node to its other holders' releases.
-    journalStatus(jnl, QMELM_E_NO_MEMORY);
-    (void)journalFileLockFailure(ext, jnl, text(QMELM_E_NO_MEMORY, MessageTail::End, 0),
-                                 Rendering::Unchecked);
-    return QMELM_E_NO_MEMORY;
+// The name leads to another file than the node's, or to none: refused as a
+// record lock lost to a rename is (EAGAIN), with the holder of the node's
+// file named when a descriptor of it can ask.
+QMStatus External::nameLost() const {
+  journalBusy();
+  XVELMFileDescriptorp any = file().OpenFileDescriptorList;
+  QMStatus st = QMELM_E_EXT_LOCK_FAILED;
+  if (any != nullptr) {
+    struct flock req {};
+    st = analyseRefusal(any->fd, req, kBusyErrno, R, RefusalRules::Acquisition, parms).status;
+  } else {
+    parms->Errno = kBusyErrno;
   }
-  rec->fd = -1;
-  rec->openflags = parms->OpenFlags;
-  rec->permissionsmask = parms->PermissionsMask;
+  return fail(st, nullptr);
+}
 
-  const int fd = openRetrying(file().ID.NarrowFilename, parms->OpenFlags, parms->PermissionsMask);
-  if (fd < 0) return openFailed(rec, errno);
-
-  *openTime = qmzdttmeOf(ext->Common.hndl);
-  // The descriptor must be the node's file: a file renamed over the name, or
-  // made anew under it after an unlink, is not the file the node's holders
-  // (and the process's record lock) are on. A descriptor fstat cannot
-  // describe is treated the same way.
-  const Opened opened = recordOpened(node, fd, parms->OpenFlags);
-  const struct stat &st = opened.st;
-  if (opened.id == Identity::Other) {
-    (void)freeBlock(ext->Pool, rec, jnl);
-    return replacedUnderName(fd, opened);
+QMStatus External::openFresh(XVELMFileDescriptorp *out, double *openTime, bool *truncate) const {
+  const Opening o = openDescriptor(ext, node, parms->OpenFlags, parms->PermissionsMask);
+  switch (o.outcome) {
+    case Opening::Outcome::NoRecord:
+      // The internal count is deliberately left as it is: a caller that runs
+      // out of memory here leaves the node to its other holders' releases.
+      journalStatus(jnl, QMELM_E_NO_MEMORY);
+      (void)journalFileLockFailure(ext, jnl, text(QMELM_E_NO_MEMORY, MessageTail::End, 0),
+                                   Rendering::Unchecked);
+      return QMELM_E_NO_MEMORY;
+    case Opening::Outcome::Failed:
+      return openFailed(o.rec, o.err);
+    case Opening::Outcome::Replaced:
+      // The descriptor was another file's (or could not be described): the
+      // step gave it up without dropping any lock of the process.
+      return nameLost();
+    case Opening::Outcome::Opened:
+      break;
   }
-  rec->fd = fd;
-  pushDescriptor(file().OpenFileDescriptorList, rec);
+  *out = o.rec;
+  *openTime = o.openTime;
+  *truncate = o.truncate;
   if (parms->OpenFlags & O_CREAT) {
     // Every create resets the size, also when the file existed and is not
     // truncated: the holder is told to treat it as new.
-    file().ID.InodeNum = st.st_ino;
-    file().ID.DeviceNum = st.st_dev;
+    file().ID.InodeNum = node->link.ino;
+    file().ID.DeviceNum = node->link.dev;
     file().FileSize = 0;
   }
-  *out = rec;
   return 0;
-}
-
-// A new descriptor is not of the node's file: refused as a record lock lost
-// to a rename is, and the descriptor is closed unless the process holds a
-// lock on the file it did open (closing it would drop that lock).
-QMStatus External::replacedUnderName(int fd, const Opened &opened) const {
-  (void)journalFileLockFailure(
-      ext, jnl, text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno), Rendering::Unchecked);
-  struct flock req {};
-  const QMStatus status = analyseRefusal(fd, req, EAGAIN);
-  giveUpStray(opened, fd);
-  return fail(status, nullptr);
 }
 
 // An open failed with err: report it, give the record back and leave.
@@ -272,76 +146,44 @@ QMStatus External::openFailed(XVELMFileDescriptorp rec, int err) const {
   return fail(st, nullptr);
 }
 
-// Counts the external holder; the node's first one takes the record lock.
-QMStatus External::countExternal(XVELMFileDescriptorp d) const {
-  if (xvelm::detail::countExternal(res(), R) == AcquireStep::FirstHolder) return takeRecordLock(d);
-  return 0;
-}
-
 QMStatus External::takeRecordLock(XVELMFileDescriptorp d) const {
-  struct flock req {};  // whole file: SEEK_SET, start 0, length 0
-  int rc = 0, err = 0;
-  {
-    // The process's lock on the file is the strongest its nodes need: the
-    // table sends F_WRLCK or F_RDLCK only when that changes (never waiting).
-    TableLock t(node->link);
-    rc = setNeed(t, node->link, (R & QMELM_EXT_EXCLUSIVE) ? Need::Write : Need::Read, d->fd, req);
-    err = errno;
-  }
-  if (rc == 0) {
-    // The lock is on the node's file; make sure the name still leads to it,
-    // or a file renamed over ours between open and lock goes unlocked.
-    struct stat byName {};
-    if (sys().stat(file().ID.NarrowFilename, &byName) == 0 && isNodeFile(node->link, byName)) {
+  // The process's lock on the file is the strongest its nodes need: the
+  // table sends F_WRLCK or F_RDLCK only when that changes (never waiting).
+  RecordLockResult r =
+      setRecordLock(node, (R & QMELM_EXT_EXCLUSIVE) ? Need::Write : Need::Read, d->fd);
+  switch (r.outcome) {
+    case RecordLockResult::Outcome::Granted:
+    case RecordLockResult::Outcome::NoLocksHere:
       grantRecordLock(node, R);
       return 0;
-    }
-    // The lock taken on the replaced file is left to the close of the node's
-    // descriptors.
-    (void)journalFileLockFailure(ext, jnl,
-                                 text(QMELM_E_LOCKGET_SETUP, MessageTail::Errno, kBusyErrno),
-                                 Rendering::Unchecked);
-    return refused(d, req, EAGAIN);
+    case RecordLockResult::Outcome::NameLost:
+      journalBusy();
+      return refused(d, r.req, kBusyErrno);
+    case RecordLockResult::Outcome::Refused:
+      break;
   }
-  if (err == EOPNOTSUPP || err == EROFS || err == EINVAL) {
-    // A file system without record locks: the lock is granted deliberately,
-    // since nothing else could ever be.
-    grantRecordLock(node, R);
-    return 0;
-  }
-  return refused(d, req, err);
-}
-
-// Asks who holds the file that a refused request (errno err, or EAGAIN for a
-// file lost to a rename) wanted, fills the caller's Errno and LockerPID, and
-// returns the refusal's status.
-QMStatus External::analyseRefusal(int fd, struct flock &req, int err) const {
-  req.l_type = F_WRLCK;
-  QMStatus st = QMELM_E_EXT_LOCK_FAILED;
-  reported_ = 0;
-  if (sys().fcntl(fd, F_GETLK, &req) != -1) {
-    reported_ = err;
-    parms->Errno = err;
-    if (req.l_type == F_RDLCK && (R & QMELM_EXT_EXCLUSIVE))
-      st = QMELM_E_EXT_LOCKED_SHARED;
-    else if (req.l_type == F_WRLCK && (R & (QMELM_EXT_EXCLUSIVE | QMELM_EXT_NONEXCLUSIVE)))
-      st = QMELM_E_EXT_LOCKED_EXCLUSIVE;
-  } else {
-    parms->Errno = errno;
-  }
-  parms->LockerPID = req.l_pid;
-  parms->SystemID = 0;  // struct flock has no system id here
-  return st;
+  return refused(d, r.req, r.err);
 }
 
 // The record lock was refused (or lost to a rename, err EAGAIN): find out who
 // holds the file, report it, take back the external count and leave.
 QMStatus External::refused(XVELMFileDescriptorp d, struct flock &req, int err) const {
-  const QMStatus st = analyseRefusal(d->fd, req, err);
+  const Refusal why = analyseRefusal(d->fd, req, err, R, RefusalRules::Acquisition, parms);
   (void)uncountExternal(res(), R, ExternalRule::Acquisition);
-
-  (void)journalFileLockFailure(ext, jnl, text(st, MessageTail::Errno, reported_),
+  (void)journalFileLockFailure(ext, jnl, text(why.status, MessageTail::Errno, why.reported),
                                Rendering::Unchecked);
+  return fail(why.status, d);
+}
+
+// The truncation asked for with O_TRUNC failed once the lock was granted:
+// the grant is undone (the record lock given back to what the node needed
+// before) and the failure reported as the open's would have been.
+QMStatus External::truncateFailed(XVELMFileDescriptorp d, bool firstHolder, int err) const {
+  (void)uncountExternal(res(), R, ExternalRule::Acquisition);
+  if (firstHolder) (void)setRecordLock(node, Need::None, d->fd);
+  parms->Errno = err;
+  const QMStatus st = openFailureStatus(err);
+  (void)journalFileLockFailure(ext, jnl, text(st, MessageTail::Errno, err), Rendering::Checked);
   return fail(st, d);
 }
 
@@ -357,10 +199,18 @@ int xvelmLockGetExternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexc
                    jnl,
                    lock->Private.LockType};
 
+  if (!x.nameStillLeadsHere()) return x.nameLost();
+
+  // A parked descriptor opened with exactly the same flags is reused: no
+  // open happened, so the open time stays 0.0. A failed rewind is reported
+  // and the descriptor reused all the same.
   double openTime = 0.0;
-  XVELMFileDescriptorp d = x.takeParked(&openTime);
+  bool truncate = false;
+  bool rewindFailed = false;
+  XVELMFileDescriptorp d = takeParked(x.node, x.parms->OpenFlags, &rewindFailed);
+  if (d != nullptr && rewindFailed) x.journalBusy();
   if (d == nullptr) {
-    if (const QMStatus st = x.openFresh(&d, &openTime); st != 0) return st;
+    if (const QMStatus st = x.openFresh(&d, &openTime, &truncate); st != 0) return st;
   }
 
   h->FDP = d;
@@ -368,7 +218,14 @@ int xvelmLockGetExternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexc
   fh->FileDescriptor = d->fd;
   fh->FileSize = x.file().FileSize;
 
-  if (const QMStatus st = x.countExternal(d); st != 0) return st;
+  const bool firstHolder = countExternal(x.res(), x.R) == AcquireStep::FirstHolder;
+  if (firstHolder) {
+    if (const QMStatus st = x.takeRecordLock(d); st != 0) return st;
+  }
+  // Only now, with the lock granted and the file's identity checked, may
+  // O_TRUNC empty it: a refused request never truncates a file another
+  // process holds.
+  if (truncate && truncateGranted(d->fd) != 0) return x.truncateFailed(d, firstHolder, errno);
 
   if (x.ext->Common.hndl->iobytecount > QMIO_ByteCount_None) {
     QMELMCreateIOInfoParms cp{};

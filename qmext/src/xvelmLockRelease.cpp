@@ -13,7 +13,7 @@
 
 #include "xvelm.h"
 #include "xvelmHolders.h"
-#include "xvelmLock.h"
+#include "xvelmRecordLock.h"
 
 namespace {
 
@@ -26,24 +26,19 @@ using namespace xvelm::detail;
                                  QMJnlh jnl) {
   static_assert(F_RDLCK == 0, "the all-zero record-lock request asks for a read lock");
   const QMMemSize R = h->Common.Private.LockType;
-  struct flock req {};
   const int fd = h->FDP != nullptr ? h->FDP->fd : -1;
-  int rc = 0;
-  {
-    // Another node of the file may still need the write lock: the table
-    // then sends nothing.
-    TableLock t(node->link);
-    rc = setNeed(t, node->link, Need::Read, fd, req);
-  }
-  if (rc == 0 || errno == EOPNOTSUPP || errno == EROFS || errno == EINVAL) {
+  // Another node of the file may still need the write lock: the table then
+  // sends nothing.
+  const RecordLockResult r = setRecordLock(node, Need::Read, fd);
+  if (r.outcome != RecordLockResult::Outcome::Refused) {
     // The node takes the leaving holder's type, as it always has.
     grantRecordLock(node, R);
     return 0;
   }
-  const int err = errno;
+  const int err = r.err;
   if (parms != nullptr) {
     parms->Errno = err;
-    parms->LockerPID = req.l_pid;
+    parms->LockerPID = r.req.l_pid;
     parms->SystemID = 0;  // struct flock has no system id here
   }
   FailureText t{QMELM_E_EXT_LOCK_FAILED, nullptr, 0, MessageTail::Errno, err};
@@ -52,18 +47,6 @@ using namespace xvelm::detail;
   // With option Continue the holder has asked to go on whatever the record
   // lock does; the counts stay taken out either way.
   return (R & QMELM_OPT_CONTINUE) ? 0 : QMELM_E_EXT_LOCK_FAILED;
-}
-
-// Deletes the node's name when it still names the node's file; false when
-// it names another file, nothing, or unlink fails. (A node that never had a
-// descriptor goes by the identity its name had when the node was made.)
-bool unlinkIfNodeFile(const NodeState *node) {
-  const XVELMFileLock &f = node->pub;
-  struct stat st {};
-  if (sys().stat(f.ID.NarrowFilename, &st) != 0) return false;
-  const bool ours = node->link.known ? isNodeFile(node->link, st)
-                                     : st.st_ino == f.ID.InodeNum && st.st_dev == f.ID.DeviceNum;
-  return ours && sys().unlink(f.ID.NarrowFilename) == 0;
 }
 
 }  // namespace
@@ -112,10 +95,7 @@ int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept 
 
     // The descriptor is parked, never closed here: closing any descriptor of
     // the file would drop the record lock the other holders rely on.
-    if (h->FDP != nullptr) {
-      unlinkDescriptor(node->pub.OpenFileDescriptorList, h->FDP);
-      pushDescriptor(node->pub.ClosedFileDescriptorList, h->FDP);
-    }
+    if (h->FDP != nullptr) park(node, h->FDP);
 
     switch (releaseStep(n, exclusiveLeft)) {
       case ReleaseStep::CloseFile:
@@ -155,41 +135,17 @@ int xvelmCloseFile(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
   FailureText t{0, nullptr, 0, MessageTail::Errno, 0};
   messageName(parms, node, &t.name, &t.nameLen);
 
-  // Closing the first descriptor drops the process's record lock on the
-  // file; only parked descriptors are closed (no holder uses them), and only
-  // when no other node of the process needs a lock on the file: otherwise
-  // the file table keeps them open until the file's last need goes.
-  QMStatus result = 0;
-  {
-    TableLock table(node->link);
-    const int anyFd = f.ClosedFileDescriptorList != nullptr ? f.ClosedFileDescriptorList->fd : -1;
-    if (!releaseNeed(table, node->link, anyFd)) {
-      deferRecords(table, node->link, f.ClosedFileDescriptorList);
-      f.ClosedFileDescriptorList = nullptr;
-    }
-    for (XVELMFileDescriptorp d = f.ClosedFileDescriptorList; d != nullptr;) {
-      XVELMFileDescriptorp next = d->next;
-      const bool closed = sys().close(d->fd) == 0;
-      const int err = errno;
-      // The result is that of the last record closed, deliberately: an
-      // earlier failure has been journaled and is not carried along.
-      result = freeBlock(ext->Pool, d, jnl);
-      if (!closed) {
-        result = QMELM_E_CLOSE_FAILED;
-        t.head = QMELM_E_CLOSE_FAILED;
-        t.tail = MessageTail::Errno;
-        t.err = err;
-        (void)journalFileLockFailure(ext, jnl, t, Rendering::Checked);
-      }
-      d = next;
-    }
-    f.ClosedFileDescriptorList = nullptr;
-    closedAll(table, node->link);
-  }
-
-  // Only while the name still names the node's file: a file that replaced
-  // it under the name (and that another process may hold) is not deleted.
-  if (f.DeleteOnClose && !unlinkIfNodeFile(node)) {
+  // The name is deleted first, while the process still holds the file and
+  // only when it still leads to the node's file and no other process holds
+  // it: deleted after the close, another process could be granted the name
+  // in between and then lose its file to the unlink. Closing the first
+  // descriptor then drops the process's record lock; only parked
+  // descriptors are closed (no holder uses them), and only when no other
+  // node of the process needs a lock on the file.
+  const bool deleteAsked = f.DeleteOnClose != 0;
+  const bool deleted = deleteAsked && deleteWhileHeld(node);
+  QMStatus result = closeParked(ext, node, jnl, t);
+  if (deleteAsked && !deleted) {
     result = QMELM_E_UNLINK_FAILED;
     // The end piece twice and no errno: the message as users know it.
     t.head = QMELM_E_UNLINK_FAILED;

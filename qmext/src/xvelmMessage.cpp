@@ -1,10 +1,12 @@
-// The message composer and the small journal helpers every worker shares.
+// The message composer, the file-lock failure message built with it, and
+// the small journal helpers every worker shares.
 // Buffers come from the extension's pool and are freed when the composer
 // goes; nothing is allocated when there is no journal.
 #include <algorithm>
 #include <cstdlib>
 
 #include "xvelmDetail.h"
+#include "xvelmLock.h"
 
 namespace xvelm::detail {
 
@@ -82,6 +84,30 @@ QMStatus Message::journal(QMSeverity sev) noexcept {
                                 static_cast<int>(used_), buf_);
   dropBuffer();
   return rc;
+}
+
+bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl, const FailureText &t,
+                            Rendering r) noexcept {
+  if (jnl == nullptr) return true;
+  Message msg(ext, jnl,
+              r == Rendering::Unchecked ? Message::Mode::Unchecked : Message::Mode::Checked);
+  msg.status(t.head).status(QMELM_M_INT_LOCK_CONFLICT);
+  if (r == Rendering::CheckedFitName) msg.requireRoom(t.nameLen);
+  msg.text(t.name, t.nameLen).status(QMELM_M_RESOURCE_END);
+  switch (t.tail) {
+    case MessageTail::Errno:
+      msg.status(QMELM_M_ERRNO, t.err);
+      break;
+    case MessageTail::End:
+      break;
+    case MessageTail::DoubledEnd:
+      msg.status(QMELM_M_RESOURCE_END);
+      break;
+  }
+  (void)msg.journal();
+  // A buffer the pool refused is no composition failure: there was nothing
+  // to compose in.
+  return !(msg.active() && msg.abandoned());
 }
 
 }  // namespace xvelm::detail

@@ -1,5 +1,6 @@
 // The system-call table: libc by default, swappable by tests. Nothing else
-// in the lock manager calls open, close, fcntl, stat, fstat, lseek or unlink.
+// in the lock manager calls open, close, fcntl, stat, fstat, lseek, unlink or
+// ftruncate.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -38,8 +39,12 @@ off_t sysLseek(int fd, off_t offset, int whence) {
 int sysUnlink(const char *path) {
   return ::unlink(path);
 }
+int sysFtruncate(int fd, off_t length) {
+  return ::ftruncate(fd, length);
+}
 
-constexpr Syscalls kLibc{sysOpen, sysClose, sysFcntl, sysStat, sysFstat, sysLseek, sysUnlink};
+constexpr Syscalls kLibc{sysOpen, sysClose, sysFcntl, sysStat, sysFstat, sysLseek, sysUnlink,
+                           sysFtruncate};
 Syscalls table = kLibc;
 
 }  // namespace

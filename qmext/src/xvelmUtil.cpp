@@ -14,6 +14,9 @@ constexpr QMMemSize kInternalPart = QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LO
 constexpr QMMemSize kExternalPart = QMELM_EXT_NONEXCLUSIVE | QMELM_NOEXTERNAL_LOCK;  // 0x028
 
 bool acceptable(QMMemSize t) {
+  // Bits that no lock type defines are refused: granting them as given
+  // would let a caller's typo pass for a lock.
+  if (t & ~kDefinedLockTypeBits) return false;
   // Internal part. 0x011 passes: the exclusive bit alone decides here, and
   // callers rely on that combination being accepted.
   if (t & kInternalExclusive) {
