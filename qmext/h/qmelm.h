@@ -689,21 +689,32 @@ QM_EXPORT int qmelmreleasematch(QMELMExtensionp ext, QMELMMatchOptionParms *parm
  * @brief UpdateIOInfo: adds an increment to the newest I/O record of the
  *        handle's file (nothing when the host keeps none: iobytecount 1 or
  *        less).
- * @param[in] lock  A live handle (not null).
- * @param[in] parms The increment (not null); its version is not read and
- *                  negative values are added as they are.
- * @param[in] jnl   Not used.
- * @return 0. Takes only the record's mutex, so updates of different files
- *         run in parallel.
+ * @param[in] lock  A live handle.
+ * @param[in] parms The increment; its version is not read and negative
+ *                  values are added as they are.
+ * @param[in] jnl   A failure is journaled to it, or null.
+ * @return 0; QMELM_E_NULL_HANDLE; QMELM_E_DEAD_NODE (a handle released
+ *         already, never handed out, or of a destroyed extension: its memory
+ *         is not read); QMELM_E_FORKED_HANDLE (made before this process was
+ *         forked: nothing is added); QMELM_E_NULL_PARMS (parms null).
+ * Threads: takes only the record's mutex, so updates of different files run
+ * in parallel. The handle must not be released while the call runs.
  */
 QM_EXPORT int qmelmupdateioinfo(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh jnl) QM_NOEXCEPT;
 
 /**
  * @brief ResetIOInfo: zeroes the counters of the records of open files and
  *        forgets those of closed ones (List entries pointing at their names
- *        become invalid).
- * @param[in] parms Not read (may be null). @param[in] jnl Not used.
- * @return 0, or the status of the list's mutex.
+ *        become invalid). A file is closed for all its records when its
+ *        last holder releases it.
+ * @param[in] parms Not read (may be null).
+ * @param[in] jnl   A null ext is journaled to it, or null.
+ * @return 0; QMELM_E_NULL_PARMS (ext null); or the status of the list's
+ *         mutex.
+ * Threads: the only I/O call that waits for others: once the closed records
+ * are off the list, and holding no mutex, it waits until every JnlIOInfo and
+ * unlocked query that was walking the list has ended (a report writing to a
+ * journal that blocks keeps it waiting that long). Nothing else waits for it.
  */
 QM_EXPORT int qmelmresetioinfo(QMELMExtensionp ext, QMELMResetIOInfoParms *parms,
                                QMJnlh jnl) QM_NOEXCEPT;
@@ -716,7 +727,7 @@ QM_EXPORT int qmelmresetioinfo(QMELMExtensionp ext, QMELMResetIOInfoParms *parms
  * @param[in,out] result numEntries and totals are added to, never reset: the
  *                       caller zeroes them first.
  * @return 0 (also, touching nothing, when there is no record at all);
- *         QMELM_E_NULL_PARMS (query or result null); qmioe's status when the
+ *         QMELM_E_NULL_PARMS (ext, query or result null); qmioe's status when the
  *         path cannot be resolved (QM_E_UNMAPPABLE for a character
  *         enc_pathname cannot hold, QM_E_BAD_PATH, ...), with nothing added;
  *         or the status of giving the resolved path back, after the totals
@@ -739,11 +750,9 @@ QM_EXPORT int qmelmgetioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
  *        (valid until a reset forgets the record).
  * @return As GetIOInfo, with no array made when there is no record at all
  *         (list keeps its value); and QMELM_E_NO_MEMORY when the array cannot
- *         be allocated. That failure returns at once, without a message and
- *         without undoing anything: with lockRequest the list's mutex stays
- *         held by the calling thread (which must release ext->IOInfoMutex
- *         itself before any further I/O statistics call), and the resolved
- *         path stays with qmioe until the extension goes.
+ *         be allocated: then nothing is added and no message is journaled;
+ *         the list's mutex and the resolved path are given back as on
+ *         success.
  */
 QM_EXPORT int qmelmlistioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
                               QMELMListIOInfoParms *result, QMJnlh jnl) QM_NOEXCEPT;
@@ -752,7 +761,8 @@ QM_EXPORT int qmelmlistioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
  * @brief ListIOInfoFree: gives toBeFreed->list back to the extension's pool;
  *        list and numEntries keep their values. A null list is nothing to free.
  * @return 0; the pool's status (QM_E_BAD_FREE for an array given back
- *         twice); or QMELM_E_NULL_PARMS (journaled) for a null toBeFreed.
+ *         twice); or QMELM_E_NULL_PARMS (journaled) for a null ext or
+ *         toBeFreed.
  */
 QM_EXPORT int qmelmlistioinfofree(QMELMExtensionp ext, QMELMListIOInfoParms *toBeFreed,
                                   QMJnlh jnl) QM_NOEXCEPT;
@@ -770,7 +780,7 @@ QM_EXPORT int qmelmlistioinfofree(QMELMExtensionp ext, QMELMListIOInfoParms *toB
  * @param[in]     jnl   The journal to write to (required).
  * @return The status of the last journal call (0 when all went well);
  *         QMELM_E_NO_JOURNAL for a null jnl, or QMELM_E_NULL_PARMS
- *         (journaled) for null parms, with nothing written.
+ *         (journaled) for a null ext or parms, with nothing written.
  * Threads: no mutex is taken: it runs while other threads hold the list or a
  * record, and may show a record mid-update; records are never freed under it.
  */

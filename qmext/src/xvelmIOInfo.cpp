@@ -1,13 +1,14 @@
 /*
  * xvelmIOInfo - I/O records and their readers. Records are made per external
  * acquisition (Create: NodeMutex held, takes IOInfoMutex), stamped closed
- * (Close) and added to (Update) under the record's mutex only, emptied by
- * Reset (IOInfoMutex, then each record's). Get and List select records by
- * file, by directory or all (IOInfoMutex and the records' mutexes when asked
- * for, none otherwise); the report reads them with no mutex. Records and name
- * copies come from the pool; a reset or their node's destruction frees them,
- * List's array is the caller's until ListIOInfoFree. Create returns 0 or
- * QMELM_E_NO_MEMORY; each query and the report list their own statuses.
+ * (Close: NodeMutex held; the record's mutex, and IOInfoMutex first when the
+ * node's last holder goes) and added to (Update) under the record's mutex
+ * only, emptied by Reset (IOInfoMutex, then each record's). Get and List
+ * select records by file, by directory or all (IOInfoMutex and the records'
+ * mutexes when asked for, none otherwise); the report reads them with no
+ * mutex. Records and name copies come from the pool; a reset or their node's
+ * destruction frees them, List's array is the caller's until ListIOInfoFree.
+ * Create returns 0 or QMELM_E_NO_MEMORY; each entry lists its own statuses.
  */
 /*
  * Why an update never touches a freed record. A node's Info names its newest
@@ -35,9 +36,15 @@
  * in a reading section (two process-wide counters, never a wait), and a
  * record is given back to the pool only after a grace period: once it is off
  * the list, every reading section that might still hold a pointer to it must
- * have ended. Readers never wait; the thread that frees does, holding no mutex
- * of the I/O list. The fields such readers see change only through atomic
- * accesses, so a reader gets each value whole, if not a consistent record.
+ * have ended. Readers never wait. The only thread that waits for them is a
+ * reset, holding no mutex of the lock manager: a reader may be a report
+ * writing to a journal that blocks, and nothing else may wait behind it. So
+ * a reset marks a record retired only after the grace period that follows
+ * its leaving the list, and a retired record is out of every reader's reach:
+ * a node's destruction, which runs inside a lock acquisition, frees its
+ * retired records at once and never waits. The fields such readers see
+ * change only through atomic accesses, so a reader gets each value whole, if
+ * not a consistent record.
  */
 #include <fcntl.h>
 #include <pthread.h>
@@ -45,7 +52,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <thread>
 #include <type_traits>
@@ -92,7 +98,7 @@ QMIOSize addWrapping(QMIOSize a, QMIOSize b) {
 // A section belongs to the phase that was current when it began; phases
 // alternate between the two counters. Process-wide, as the handle set is: a
 // grace period waits for the readers of every lock manager in the process,
-// which only costs the freeing thread a little more waiting.
+// which only costs the waiting reset a little more time.
 std::atomic<uint64_t> readPhase{0};
 std::atomic<int64_t> phaseReaders[2];
 std::atomic_flag graceRunning;  // one grace period at a time
@@ -123,7 +129,8 @@ class ReadingSection {
 // Records taken off the list before the call are then out of every reader's
 // reach: sections that begin later start from the list as it is now. The
 // current phase is closed (new sections count in the other counter) and its
-// readers drain; nothing makes them wait, so the drain always ends.
+// readers drain; nothing makes them wait, so the drain ends once each of them
+// has. Called only by a reset, with no mutex held.
 void waitForReaders() noexcept {
   while (graceRunning.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
   const uint64_t closed = readPhase.fetch_add(1, std::memory_order_seq_cst) & 1;
@@ -184,32 +191,37 @@ void openRecord(QMELMIOInfo &r, const QMELMCreateIOInfoParms *parms) {
   r.ResourceType = parms->ResourceType;
 }
 
-// Records that neither the list nor a node reaches any more, chained through
-// nodeNext (which nothing else reads once they are unreachable). They are
-// freed when the collection goes, after a grace period: declare it before
-// the guard of IOInfoMutex, so that the wait happens with the mutex released.
-class Unreachable {
+// Gives a record that nothing reaches any more back to the pool, with its
+// name copy and its mutex.
+void freeRecord(QMELMExtension *ext, IORecord *rec, QMJnlh jnl) {
+  const QMLockh m = rec->pub.mutex;
+  (void)freeBlock(ext->Pool, rec->pub.Name, jnl);
+  (void)freeBlock(ext->Pool, rec, jnl);
+  destroyObject(m);
+}
+
+// Records a reset took off the list, chained through a link that no reader
+// follows (nodeNext for records of destroyed nodes, pub.prev for those of
+// live nodes; both are free once a record is off the list and, for
+// nodeNext, off its node's chain).
+class Collected {
  public:
-  Unreachable(QMELMExtension *ext, QMJnlh jnl) : ext_(ext), jnl_(jnl) {}
-  ~Unreachable() {
-    if (head_ == nullptr) return;
-    waitForReaders();
-    while (head_ != nullptr) {
-      IORecord *rec = std::exchange(head_, head_->nodeNext);
-      const QMLockh m = rec->pub.mutex;
-      (void)freeBlock(ext_->Pool, rec->pub.Name, jnl_);
-      (void)freeBlock(ext_->Pool, rec, jnl_);
-      destroyObject(m);
-    }
+  void addOrphan(IORecord *rec) { rec->nodeNext = std::exchange(orphans_, rec); }
+  void addRetiring(IORecord *rec) {
+    rec->pub.prev = retiring_ != nullptr ? &retiring_->pub : nullptr;
+    retiring_ = rec;
   }
-  Unreachable(const Unreachable &) = delete;
-  Unreachable &operator=(const Unreachable &) = delete;
-  void add(IORecord *rec) { rec->nodeNext = std::exchange(head_, rec); }
+  bool empty() const { return orphans_ == nullptr && retiring_ == nullptr; }
+  IORecord *takeOrphans() { return std::exchange(orphans_, nullptr); }
+  IORecord *takeRetiring() { return std::exchange(retiring_, nullptr); }
+  static IORecord *nextRetiring(IORecord *rec) {
+    QMELMIOInfop p = std::exchange(rec->pub.prev, nullptr);
+    return p != nullptr ? recordOf(p) : nullptr;
+  }
 
  private:
-  QMELMExtension *ext_;
-  QMJnlh jnl_;
-  IORecord *head_ = nullptr;
+  IORecord *orphans_ = nullptr;
+  IORecord *retiring_ = nullptr;
 };
 
 // A retired record of the node, to be used again; null when there is none.
@@ -219,29 +231,92 @@ IORecord *retiredRecordOf(NodeState *node) {
   return nullptr;
 }
 
+// Where ioPrepareFork stopped taking an extension's record mutexes: the
+// record whose get the host refused (it and those after it are not held by
+// the forking thread). Only the forking thread touches the table, from the
+// prepare handler to the parent's or the child's, with the process's
+// registry of lock managers held throughout. A get is refused only to a
+// thread that holds the mutex itself, which the forking thread never does
+// for a record (the lock manager calls nothing that could fork while it
+// holds one), so the table only guards against a failing host.
+struct ForkStop {
+  const QMELMExtension *ext;
+  QMELMIOInfop at;
+};
+constexpr std::size_t kForkStops = 16;
+ForkStop forkStops[kForkStops];
+std::size_t forkStopCount = 0;
+
+// The first record of ext whose mutex the forking thread does not hold
+// (null: it holds them all), forgetting it.
+QMELMIOInfop takeForkStop(const QMELMExtension *ext) {
+  for (std::size_t i = 0; i < forkStopCount; ++i) {
+    if (forkStops[i].ext != ext) continue;
+    const QMELMIOInfop at = forkStops[i].at;
+    forkStops[i] = forkStops[--forkStopCount];
+    return at;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 namespace xvelm::detail {
 
 void detachIORecords(QMELMExtension *ext, NodeState *node, QMJnlh jnl) noexcept {
-  Unreachable gone(ext, jnl);
-  MutexGuard io(ext->IOInfoMutex);
-  // Without the mutex the records stay as they are, in the pool until it
-  // goes: nothing follows a record's owner, and the node's chain goes with it.
-  if (!io) return;
-  for (IORecord *r = node->records; r != nullptr;) {
-    IORecord *next = r->nodeNext;
-    if (r->retired) {
-      gone.add(r);
-    } else {
-      // Still on the list, where queries see it until a reset forgets it.
-      r->owner = nullptr;
-      r->nodeNext = nullptr;
+  IORecord *retired = nullptr;
+  {
+    MutexGuard io(ext->IOInfoMutex);
+    // Without the mutex the records stay as they are, in the pool until it
+    // goes: a reset only compares an owner with null, never follows it.
+    if (!io) return;
+    for (IORecord *r = node->records; r != nullptr;) {
+      IORecord *next = r->nodeNext;
+      if (r->retired) {
+        r->nodeNext = std::exchange(retired, r);
+      } else {
+        // Still on the list (or about to be retired by a reset under way),
+        // where queries see it until a reset forgets and frees it.
+        r->owner = nullptr;
+        r->nodeNext = nullptr;
+      }
+      r = next;
     }
-    r = next;
+    node->records = nullptr;
+    storeInfo(&node->pub.CommonLock, nullptr);
   }
-  node->records = nullptr;
-  storeInfo(&node->pub.CommonLock, nullptr);
+  // Retired: out of every reader's reach already (see above), and out of
+  // every handle's now that the node goes. No wait.
+  while (retired != nullptr) freeRecord(ext, std::exchange(retired, retired->nodeNext), jnl);
+}
+
+void ioPrepareFork(QMELMExtension *ext) noexcept {
+  for (QMELMIOInfop r = ext->IOInfo; r != nullptr; r = r->next) {
+    if (r->mutex->get(r->mutex, 1, 1) == 0) continue;
+    if (forkStopCount < kForkStops) forkStops[forkStopCount++] = {ext, r};
+    return;
+  }
+}
+
+void ioParentAfterFork(QMELMExtension *ext) noexcept {
+  const QMELMIOInfop stop = takeForkStop(ext);
+  for (QMELMIOInfop r = ext->IOInfo; r != stop; r = r->next) (void)r->mutex->release(r->mutex);
+}
+
+// The child's only thread holds the records' mutexes (taken before the fork),
+// but a reader-writer lock may still count waiters of the parent that do not
+// exist here: each record gets a new mutex and the old one is left to the
+// host. When the host cannot make one, the old one stays, held by this
+// thread: the host then refuses it (a thread cannot take a mutex it holds),
+// and that record is skipped by a reset and refused by a locked query,
+// instead of being used unlocked. Records off the list belong to nodes made
+// before the fork, which the child never uses.
+void ioChildAfterFork(QMELMExtension *ext) noexcept {
+  (void)takeForkStop(ext);
+  static constexpr QMLockCreateParms kParms{};
+  QMHndlp h = ext->Common.hndl;
+  for (QMELMIOInfop r = ext->IOInfo; r != nullptr; r = r->next)
+    if (QMLockh fresh = h->lockCreate(h, &kParms, nullptr, nullptr)) r->mutex = fresh;
 }
 
 }  // namespace xvelm::detail
@@ -299,18 +374,41 @@ int xvelmCreateIOInfo(QMELMLHndlp lock, QMELMCreateIOInfoParms *parms, QMJnlh jn
 
 // Stamps the node's newest record, whichever handle made it: with two
 // handles on one file, the first release closes the second's record and the
-// older one stays open. That is how the records have always read.
+// older one stays open, as the records have always read. When the node's
+// last holder goes (the caller has already taken it out of the counters,
+// under NodeMutex), the file is closed for every record of the node: each
+// one still open gets the close time, so that a reset forgets them all.
 int xvelmCloseIOInfo(QMELMLHndlp lock, QMELMCloseIOInfoParms *parms, QMJnlh) noexcept {
-  QMELMResLockp node = lock->Private.ResLock;
-  if (node == nullptr) return 0;
-  QMELMIOInfop r = loadInfo(node);
+  QMELMResLockp n = lock->Private.ResLock;
+  if (n == nullptr) return 0;
+  if (n->ext_exclusive + n->ext_nonexclusive + n->noexternal_lock == 0) {
+    QMELMExtension *ext = lock->Private.ExtHndl;
+    MutexGuard io(ext->IOInfoMutex);
+    if (io) {
+      for (IORecord *rec = nodeOf(n)->records; rec != nullptr; rec = rec->nodeNext) {
+        MutexGuard rm(rec->pub.mutex);
+        if (rm && rec->pub.closeTime < 0.0) poke(rec->pub.closeTime, parms->closeTime);
+      }
+      return 0;
+    }
+    // Without the list's mutex the node's chain cannot be walked: the newest
+    // record is stamped alone.
+  }
+  QMELMIOInfop r = loadInfo(n);
   if (r == nullptr) return 0;
   MutexGuard rm(r->mutex);
   if (rm) poke(r->closeTime, parms->closeTime);
   return 0;
 }
 
-int xvelmUpdateIOInfo(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh) noexcept {
+// A handle is read only once it is known to be live: a released one (or a
+// pointer never handed out) is answered without touching its memory, and
+// one made before this process was forked leaves its node's records alone.
+int xvelmUpdateIOInfo(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh jnl) noexcept {
+  if (lock == nullptr) return journaled(jnl, QMELM_E_NULL_HANDLE);
+  if (!handleIsLive(lock)) return journaled(jnl, QMELM_E_DEAD_NODE);
+  if (nodeOf(lock)->generation != forkGeneration()) return journaled(jnl, QMELM_E_FORKED_HANDLE);
+  if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   QMELMIOInfop r = loadInfo(lock->Private.ResLock);
   if (r == nullptr) return 0;
   MutexGuard rm(r->mutex);
@@ -324,64 +422,59 @@ int xvelmUpdateIOInfo(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh) noexcept {
 }
 
 // Zeroes the records of open files and forgets closed ones: freed when their
-// node is gone, retired (kept for the node's handles) while it lives.
-int xvelmResetIOInfo(QMELMExtensionp ext, QMELMResetIOInfoParms *, QMJnlh) noexcept {
-  Unreachable gone(ext, nullptr);  // a reset reports nothing
-  MutexGuard io(ext->IOInfoMutex);
-  if (!io) return io.status();
-  for (QMELMIOInfop r = ext->IOInfo; r != nullptr;) {
-    IORecord *rec = recordOf(r);
-    MutexGuard rm(r->mutex);
-    QMELMIOInfop next = r->next;
-    if (!rm) {  // left as it is
+// node is gone, retired (kept for the node's handles) while it lives. Both
+// happen only after a grace period, waited for with no mutex held: under
+// IOInfoMutex the closed records leave the list; then the wait; then the
+// records of destroyed nodes are freed and, under IOInfoMutex again, the
+// others are retired (or freed, when their node was destroyed meanwhile).
+int xvelmResetIOInfo(QMELMExtensionp ext, QMELMResetIOInfoParms *, QMJnlh jnl) noexcept {
+  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
+  Collected off;
+  {
+    MutexGuard io(ext->IOInfoMutex);
+    if (!io) return io.status();
+    for (QMELMIOInfop r = ext->IOInfo; r != nullptr;) {
+      IORecord *rec = recordOf(r);
+      MutexGuard rm(r->mutex);
+      QMELMIOInfop next = r->next;
+      if (!rm) {  // left as it is
+        r = next;
+        continue;
+      }
+      zeroCounters(*r);
+      if (r->closeTime >= 0.0) {
+        unlinkRecord(ext, rec);
+        if (rec->owner != nullptr)
+          off.addRetiring(rec);
+        else
+          off.addOrphan(rec);
+      }
       r = next;
-      continue;
     }
-    zeroCounters(*r);
-    if (r->closeTime >= 0.0) {
-      unlinkRecord(ext, rec);
-      if (rec->owner != nullptr)
-        rec->retired = true;
-      else
-        gone.add(rec);
-    }
-    r = next;
+  }
+  if (off.empty()) return 0;
+  waitForReaders();
+  for (IORecord *rec = off.takeOrphans(); rec != nullptr;)
+    freeRecord(ext, std::exchange(rec, rec->nodeNext), nullptr);
+  IORecord *retiring = off.takeRetiring();
+  if (retiring == nullptr) return 0;
+  MutexGuard io(ext->IOInfoMutex);
+  // Without the mutex the records stay off the list, unretired: never used
+  // again, freed with the pool.
+  if (!io) return io.status();
+  for (IORecord *rec = retiring; rec != nullptr;) {
+    IORecord *next = Collected::nextRetiring(rec);
+    if (rec->owner != nullptr)
+      rec->retired = true;
+    else
+      freeRecord(ext, rec, nullptr);  // its node was destroyed during the wait
+    rec = next;
   }
   return 0;
 }
 
 // ---- queries -------------------------------------------------------------------
 namespace {
-
-// Holds a T built in place and destroys it at the end of the scope, unless
-// abandon() was called: then its destructor never runs, and whatever it would
-// have given back (a mutex, a resolved path) stays taken.
-template <class T>
-class Abandonable {
- public:
-  Abandonable() noexcept {}
-  ~Abandonable() { reset(); }
-  Abandonable(const Abandonable &) = delete;
-  Abandonable &operator=(const Abandonable &) = delete;
-  template <class... A>
-  T &emplace(A &&...args) {
-    reset();
-    T *t = std::construct_at(&value_, std::forward<A>(args)...);
-    live_ = true;
-    return *t;
-  }
-  void reset() {
-    if (std::exchange(live_, false)) std::destroy_at(&value_);
-  }
-  void abandon() { live_ = false; }
-  T *get() { return live_ ? &value_ : nullptr; }
-
- private:
-  union {
-    T value_;
-  };
-  bool live_ = false;
-};
 
 // A file or directory path counts as given when it has characters.
 bool given(const QMChar *path, QMStrSize len) {
@@ -424,9 +517,10 @@ void addCounters(QMELMIOStats &to, const QMELMIOInfo &r) {
 // holds IOInfoMutex when the caller asked for locking, a reading section
 // otherwise; prepare(bound) runs first, with bound the number of records it
 // will visit at most, and visit(record) for each match, under the record's
-// mutex when locking. Returns prepare's failure, the status of a mutex the
-// host refused (journaled; the walk stops there), or that of giving the
-// resolved path back (0 when there was none).
+// mutex when locking. Returns prepare's failure (IOInfoMutex and the
+// resolved path given back all the same), the status of a mutex the host
+// refused (journaled; the walk stops there), or that of giving the resolved
+// path back (0 when there was none).
 template <class Prepare, class Visit>
 QMStatus selectRecords(QMELMExtension *ext, const QMELMQueryIOInfoParms &q, QMJnlh jnl,
                        Prepare prepare, Visit visit) noexcept {
@@ -435,7 +529,7 @@ QMStatus selectRecords(QMELMExtension *ext, const QMELMQueryIOInfoParms &q, QMJn
   Selection sel;
   const bool file = given(q.matchFile, q.matchFileLen);
   const bool dir = given(q.matchDir, q.matchDirLen);
-  Abandonable<FullPath> resolved;
+  std::optional<FullPath> resolved;
   if (file != dir) {
     sel.mode = file ? Selection::Mode::File : Selection::Mode::Directory;
     FullPath &full = resolved.emplace(ext, jnl, q.enc_pathname);
@@ -456,14 +550,9 @@ QMStatus selectRecords(QMELMExtension *ext, const QMELMQueryIOInfoParms &q, QMJn
     reading.emplace();
   }
   const QMMemSize bound = peek(ext->numIOInfo);
-  if (const QMStatus rc = prepare(bound); rc != 0) {
-    // The long-standing early exit of a failed allocation undoes nothing:
-    // IOInfoMutex stays held when it was taken, and the resolved path stays
-    // with qmioe. Callers have always seen it so.
-    if (listLock) listLock->keepHeld();
-    resolved.abandon();
-    return rc;
-  }
+  // A failed allocation returns its own status; the guards give back
+  // IOInfoMutex and the resolved path.
+  if (const QMStatus rc = prepare(bound); rc != 0) return rc;
   QMStatus refused = 0;
   QMMemSize visited = 0;
   for (QMELMIOInfop r = follow(ext->IOInfo); r != nullptr && visited < bound;
@@ -482,8 +571,7 @@ QMStatus selectRecords(QMELMExtension *ext, const QMELMQueryIOInfoParms &q, QMJn
   }
   listLock.reset();
   reading.reset();
-  FullPath *full = resolved.get();
-  const QMStatus rc = full != nullptr ? full->giveBack() : 0;
+  const QMStatus rc = resolved ? resolved->giveBack() : 0;
   return refused != 0 ? journaled(jnl, refused) : rc;
 }
 
@@ -491,7 +579,8 @@ QMStatus selectRecords(QMELMExtension *ext, const QMELMQueryIOInfoParms &q, QMJn
 
 int xvelmGetIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMGetIOInfoParms *result,
                    QMJnlh jnl) noexcept {
-  if (query == nullptr || result == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
+  if (ext == nullptr || query == nullptr || result == nullptr)
+    return journaled(jnl, QMELM_E_NULL_PARMS);
   return selectRecords(
       ext, *query, jnl, [](QMMemSize) -> QMStatus { return 0; },
       [result](const QMELMIOInfo &r) {
@@ -502,7 +591,8 @@ int xvelmGetIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMGetIO
 
 int xvelmListIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMListIOInfoParms *result,
                     QMJnlh jnl) noexcept {
-  if (query == nullptr || result == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
+  if (ext == nullptr || query == nullptr || result == nullptr)
+    return journaled(jnl, QMELM_E_NULL_PARMS);
   QMMemSize filled = 0;
   auto allocate = [ext, result](QMMemSize bound) -> QMStatus {
     // One entry per record on the list (at least one block, so that an
@@ -528,7 +618,7 @@ int xvelmListIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMList
 }
 
 int xvelmListIOInfoFree(QMELMExtensionp ext, QMELMListIOInfoParms *toBeFreed, QMJnlh jnl) noexcept {
-  if (toBeFreed == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
+  if (ext == nullptr || toBeFreed == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   // A list that was never handed out (the query found no records) is nothing
   // to give back. list and numEntries keep their values either way.
   if (toBeFreed->list == nullptr) return 0;
@@ -621,7 +711,7 @@ QMStatus reportRecord(const QMELMExtension *ext, QMELMJnlIOInfoParms *parms, con
 // being freed under it.
 int xvelmJnlIOInfo(QMELMExtensionp ext, QMELMJnlIOInfoParms *parms, QMJnlh jnl) noexcept {
   if (jnl == nullptr) return QMELM_E_NO_JOURNAL;
-  if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
+  if (ext == nullptr || parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   ReadingSection reading;
   const QMMemSize count = peek(ext->numIOInfo);
   QMStatus rc = qmlStatusToJnl(jnl, QMSeverityNote, QMELM_M_IOINFO_HEADER,
