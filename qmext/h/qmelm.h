@@ -476,10 +476,12 @@ QM_EXPORT QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) QM_NOEXCEPT;
  * Resets the I/O records, closes the descriptors of every node still alive
  * (dropping their record locks), forgets the handles not released (a later
  * LockRelease or LockChange of one answers QMELM_E_DEAD_NODE without touching
- * freed memory), unloads qmioe, and destroys the pool. Snapshots, matches and
- * I/O lists not yet given back go with the pool.
+ * freed memory, also after the host has dropped its last reference to the
+ * library: libqmelm.so stays loaded in the process once it was loaded),
+ * unloads qmioe, and destroys the pool. Snapshots, matches and I/O lists not
+ * yet given back go with the pool. A null ext returns QMELM_E_NULL_EXTENSION.
  * @param[in] ext The extension; not to be used afterwards.
- * @return 0.
+ * @return 0, or QMELM_E_NULL_EXTENSION.
  * Threads: no other call on ext may run or follow.
  */
 QM_EXPORT QMStatus qmelmdestroy(QMExtensionh ext) QM_NOEXCEPT;

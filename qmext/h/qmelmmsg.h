@@ -81,11 +81,14 @@
   X(QMELM_E_NOT_AVAILABLE, 0x80ffe040u,                                                         \
     "This operation of the lock manager is not available in this build.")                       \
   X(QMELM_E_NAME_HAS_NUL, 0x80ffe041u,                                                          \
-    "The file name contains the character U+0000, which the operating system would take as "    \
-    "its end; nothing was opened, created or deleted.")                                         \
+    "The name contains the character U+0000, or a zero byte in the encoding it is given to "    \
+    "the operating system in, which the operating system would take as its end; nothing was "   \
+    "opened, created, deleted or set.")                                                         \
   X(QMELM_E_FORKED_HANDLE, 0x80ffe042u,                                                         \
     "The lock handle was made before this process was forked; the process holds no lock "       \
     "through it and nothing was changed.")                                                      \
-  X(QMELM_E_NULL_PARMS, 0x80ffe043u, "A required parameter block or status pointer is null.")
+  X(QMELM_E_NULL_PARMS, 0x80ffe043u, "A required parameter block or status pointer is null.")  \
+  X(QMELM_E_NULL_EXTENSION, 0x80ffe045u,                                                        \
+    "No lock manager object (or no host, to the factory) was passed; nothing was done.")
 
 #endif /* QMELM_MSG_H */

@@ -82,6 +82,10 @@ bool catalogueAnswers(QMHndlp hndl) {
 }  // namespace
 
 QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
+  if (hndl == nullptr) {
+    journalStatus(jnl, QMELM_E_NULL_EXTENSION);
+    return nullptr;
+  }
   QMPoolh pool = hndl->poolCreate(hndl, &kPoolParms, jnl, "qmelm pool");
   if (pool == nullptr) {
     journalStatus(jnl, QMELM_E_CREATE_FAILED);
@@ -148,6 +152,7 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
 
 QMStatus qmelmdestroy(QMExtensionh extension) noexcept {
   auto *ext = reinterpret_cast<QMELMExtension *>(extension);
+  if (ext == nullptr) return QMELM_E_NULL_EXTENSION;
   if (ext->IOInfo != nullptr) {
     QMELMResetIOInfoParms parms = kResetParms;
     (void)ext->Functions.ResetIOInfo(ext, &parms, nullptr);
@@ -191,5 +196,6 @@ int XvelmEmergency(QMELMExtensionp) noexcept {
 }
 
 int qmelmemergency(QMELMExtensionp ext) noexcept {
+  if (ext == nullptr) return QMELM_E_NULL_EXTENSION;
   return XvelmEmergency(ext);
 }

@@ -6,6 +6,7 @@
 #include "xvelmOptions.h"
 
 int qmelmsetlockoption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) noexcept {
+  if (ext == nullptr) return xvelm::detail::journaled(jnl, QMELM_E_NULL_EXTENSION);
   if (parms == nullptr) return xvelm::detail::journaled(jnl, QMELM_E_NULL_PARMS);
   // The option is read as the 32-bit number a C caller may have put there.
   if (xvelm::detail::requestedOption(parms->option) == QMELM_Reset)

@@ -71,6 +71,7 @@ QMMemSize insertPosition(const QMELMExtension *ext, const QMChar *key, QMStrSize
 }  // namespace
 
 int xvelmAddOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) noexcept {
+  JournalDeferral deferral;  // no journal write while a mutex is held
   const int32_t option = requestedOption(parms->option);
   if (!isStorable(option)) {
     // A null path is the root, and the message names it so.

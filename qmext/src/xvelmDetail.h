@@ -178,10 +178,34 @@ class PoolPtr {
 // Lock get, release and change choose their journal with this alone.
 QMJnlh chooseJournal(const QMELMExtension *ext, QMJnlh jnl) noexcept;
 
+// Journal writes that wait: while a JournalDeferral lives on the calling
+// thread, composed messages and single statuses are kept (their text is
+// composed at once, under whatever mutex the caller holds) and written when
+// the outermost deferral ends, in the order they were made. The lock
+// workers open one before they take any mutex, so that a journal stuck on a
+// full pipe or a slow disk never holds up another request: no journal write
+// happens under ListMutex, a NodeMutex or the file table. When more are kept
+// than the thread's queue holds, the rest are written at once.
+class JournalDeferral {
+ public:
+  JournalDeferral() noexcept;
+  ~JournalDeferral();
+  JournalDeferral(const JournalDeferral &) = delete;
+  JournalDeferral &operator=(const JournalDeferral &) = delete;
+};
+
+// Keeps a status for the running deferral; false when none runs (or its
+// queue is full): the caller writes it now.
+[[nodiscard]] bool deferStatus(QMJnlh jnl, QMSeverity sev, QMStatus status) noexcept;
+
 // Journals one status (with its parameters) at severity 4 when jnl is not null.
 template <class... A>
 void journalStatus(QMJnlh jnl, QMStatus status, A... args) noexcept {
-  if (jnl != nullptr) (void)qmlStatusToJnl(jnl, QMSeverityError, status, args...);
+  if (jnl == nullptr) return;
+  if constexpr (sizeof...(A) == 0) {
+    if (deferStatus(jnl, QMSeverityError, status)) return;
+  }
+  (void)qmlStatusToJnl(jnl, QMSeverityError, status, args...);
 }
 
 // Journals status (when jnl is not null) and returns it: the one-line failure
@@ -190,6 +214,16 @@ void journalStatus(QMJnlh jnl, QMStatus status, A... args) noexcept {
   journalStatus(jnl, status);
   return status;
 }
+
+// QMELM_E_NAME_HAS_NUL, journaled with the name, when the len characters of
+// name hold U+0000; else 0. The system cuts a name short at its first NUL:
+// "dir/victim<NUL>/../x" would open, create or delete dir/victim.
+[[nodiscard]] QMStatus refuseNul(const QMELMExtension *ext, const QMChar *name, QMMemSize len,
+                                 QMJnlh jnl) noexcept;
+// Journals the refusal of a name that the system would cut short, and
+// returns QMELM_E_NAME_HAS_NUL.
+[[nodiscard]] QMStatus nameHasNul(const QMELMExtension *ext, const QMChar *name, QMMemSize len,
+                                  QMJnlh jnl) noexcept;
 
 // freeBlock (declared above PoolPtr) frees a block to pool, journals a
 // failing free when jnl is not null, and returns the pool's status.

@@ -45,6 +45,8 @@ namespace {
 }  // namespace
 
 int xvelmGetLockOptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms, QMJnlh jnl) noexcept {
+  JournalDeferral deferral;  // no journal write while a mutex is held
+  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
   if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   MutexGuard guard(ext->OptionMutex);
   if (!guard) return journaled(jnl, guard.status());

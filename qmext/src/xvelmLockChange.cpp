@@ -361,6 +361,7 @@ QMStatus Change::run(QMMemSize W) noexcept {
 
 int xvelmLockChange(QMELMLHndlp lock, QMMemPtr lockParms, QMMemSize newLockType,
                     QMJnlh jnl) noexcept {
+  JournalDeferral deferral;  // no journal write while a mutex is held
   // A handle is only read once it is known to be live: a released one (or a
   // pointer never handed out) is answered without touching its memory.
   // The caller's out field is cleared first, whatever the answer.

@@ -209,22 +209,6 @@ NodeState *findNode(QMELMExtension *ext, const char *narrow, const NarrowName &n
   return st;
 }
 
-// QMELM_E_NAME_HAS_NUL (journaled with the name) when the name holds U+0000.
-QMStatus checkNoNul(const QMELMExtension *ext, const XVELMFileLockParms *parms, QMJnlh jnl) {
-  if (parms->FilenameLen == 0 || parms->Filename == nullptr) return 0;
-  bool nul = false;
-  for (QMMemSize i = 0; i < parms->FilenameLen && !nul; ++i) nul = parms->Filename[i] == 0;
-  if (!nul) return 0;
-  Message msg(ext, jnl);
-  msg.status(QMELM_E_NAME_HAS_NUL)
-      .status(QMELM_M_PATH)
-      .requireRoom(static_cast<QMStrSize>(parms->FilenameLen))
-      .text(parms->Filename, static_cast<QMStrSize>(parms->FilenameLen))
-      .status(QMELM_M_TRAILER);
-  (void)msg.journal();
-  return QMELM_E_NAME_HAS_NUL;
-}
-
 // A host constructor returned null. Its own status is not part of the host
 // table every host offers, so the failure is reported as a lack of memory.
 QMStatus hostStatus(QMHndlp) {
@@ -343,6 +327,11 @@ QMStatus Acquisition::makeNarrowName(QMNLSPipelineh pipe, HostObject<QMNLSPipeli
   if (st != 0) return fail(st);
   std::memset(narrow_.get() + written, 0, nn_.padLen);
   nn_.len = written;
+  // The system takes the name up to its first zero byte: a name whose
+  // target encoding has one inside (any wide encoding does) would open,
+  // create and delete another file. It is refused before anything is done.
+  if (std::memchr(narrow_.get(), 0, written) != nullptr)
+    return nameHasNul(ext_, parms_->Filename, parms_->FilenameLen, jnl_);
   return 0;
 }
 
@@ -478,6 +467,7 @@ QMStatus Acquisition::run(QMMemSize resType, QMMemSize lockType, DeadNodes &dead
 
 QMELMLHndlp xvelmLockGet(QMELMExtensionp extHndl, QMMemPtr lockParms, QMMemSize resType,
                          QMMemSize lockType, QMJnlh jnl, int *qmrc) noexcept {
+  JournalDeferral deferral;  // no journal write while a mutex is held
   jnl = chooseJournal(extHndl, jnl);
   // Without a place for the status the request cannot be answered: it is
   // refused (and journaled) before anything is done.
@@ -486,6 +476,10 @@ QMELMLHndlp xvelmLockGet(QMELMExtensionp extHndl, QMMemPtr lockParms, QMMemSize 
     return nullptr;
   }
   *qmrc = 0;
+  if (extHndl == nullptr) {
+    *qmrc = journaled(jnl, QMELM_E_NULL_EXTENSION);
+    return nullptr;
+  }
   // The resource type is checked before the caller's out fields are touched:
   // for another resource type they need not even be a file's parameters.
   if (resType != QMELM_RESOURCE_FILE) {
@@ -515,7 +509,7 @@ QMELMLHndlp xvelmLockGet(QMELMExtensionp extHndl, QMMemPtr lockParms, QMMemSize 
   // The system cuts a name short at its first NUL: "dir/victim<NUL>/../x"
   // would open, create or delete dir/victim. Such a name is refused before
   // anything is done with it.
-  if (const QMStatus st = checkNoNul(extHndl, parms, jnl); st != 0) {
+  if (const QMStatus st = refuseNul(extHndl, parms->Filename, parms->FilenameLen, jnl); st != 0) {
     *qmrc = st;
     return nullptr;
   }

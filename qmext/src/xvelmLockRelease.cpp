@@ -52,6 +52,7 @@ using namespace xvelm::detail;
 }  // namespace
 
 int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
+  JournalDeferral deferral;  // no journal write while a mutex is held
   if (lock == nullptr) return journaled(chooseJournal(nullptr, jnl), QMELM_E_NULL_HANDLE);
   // A handle leaves the live set before anything of it is read: a second
   // release (or a pointer never handed out) is told apart without touching

@@ -57,6 +57,8 @@ Governing governingEntry(const QMELMExtension *ext, const QMChar *f, QMStrSize f
 }  // namespace
 
 int xvelmMatchOption(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh jnl) noexcept {
+  JournalDeferral deferral;  // no journal write while a mutex is held
+  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
   if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   parms->option = QMELM_Unknown;
   parms->fullpath = nullptr;

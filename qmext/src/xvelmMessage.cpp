@@ -9,6 +9,59 @@
 #include "xvelmLock.h"
 
 namespace xvelm::detail {
+namespace {
+
+// One journal write kept by a deferral: a composed message (buf, owned, from
+// pool) or a single status (buf null).
+struct Kept {
+  QMJnlh jnl;
+  QMSeverity sev;
+  QMPoolh pool;
+  QMChar *buf;
+  QMStrSize len;
+  QMStatus status;
+};
+
+constexpr int kMaxKept = 16;
+thread_local int tDeferrals = 0;  // deferrals open on this thread
+thread_local int tKeptCount = 0;
+thread_local Kept tKept[kMaxKept];
+
+bool keep(const Kept &k) noexcept {
+  if (tDeferrals == 0 || tKeptCount == kMaxKept) return false;
+  tKept[tKeptCount++] = k;
+  return true;
+}
+
+void writeKept() noexcept {
+  // A write never journals through a deferral itself; the count is read
+  // afresh in case one did.
+  for (int i = 0; i < tKeptCount; ++i) {
+    Kept &k = tKept[i];
+    if (k.buf != nullptr) {
+      (void)qmlMessageToJnl(k.jnl, k.sev, kFmtCountedString.data(), kFmtCountedString.size(),
+                            static_cast<int>(k.len), k.buf);
+      (void)k.pool->memFree(k.pool, k.buf);
+    } else {
+      (void)qmlStatusToJnl(k.jnl, k.sev, k.status);
+    }
+  }
+  tKeptCount = 0;
+}
+
+}  // namespace
+
+JournalDeferral::JournalDeferral() noexcept {
+  ++tDeferrals;
+}
+
+JournalDeferral::~JournalDeferral() {
+  if (--tDeferrals == 0) writeKept();
+}
+
+bool deferStatus(QMJnlh jnl, QMSeverity sev, QMStatus status) noexcept {
+  return keep(Kept{jnl, sev, nullptr, nullptr, 0, status});
+}
 
 QMJnlh chooseJournal(const QMELMExtension *ext, QMJnlh jnl) noexcept {
   if (jnl != nullptr) return jnl;
@@ -80,10 +133,35 @@ Message &Message::requireRoom(QMStrSize len) noexcept {
 
 QMStatus Message::journal(QMSeverity sev) noexcept {
   if (!live()) return 0;
+  // Kept for the running deferral: the buffer goes with it.
+  if (keep(Kept{jnl_, sev, pool_, buf_, used_, 0})) {
+    buf_ = nullptr;
+    return 0;
+  }
   QMStatus rc = qmlMessageToJnl(jnl_, sev, kFmtCountedString.data(), kFmtCountedString.size(),
                                 static_cast<int>(used_), buf_);
   dropBuffer();
   return rc;
+}
+
+QMStatus refuseNul(const QMELMExtension *ext, const QMChar *name, QMMemSize len,
+                   QMJnlh jnl) noexcept {
+  if (name == nullptr || len == 0) return 0;
+  bool nul = false;
+  for (QMMemSize i = 0; i < len && !nul; ++i) nul = name[i] == 0;
+  return nul ? nameHasNul(ext, name, len, jnl) : 0;
+}
+
+QMStatus nameHasNul(const QMELMExtension *ext, const QMChar *name, QMMemSize len,
+                    QMJnlh jnl) noexcept {
+  Message msg(ext, jnl);
+  msg.status(QMELM_E_NAME_HAS_NUL)
+      .status(QMELM_M_PATH)
+      .requireRoom(static_cast<QMStrSize>(len))
+      .text(name, static_cast<QMStrSize>(len))
+      .status(QMELM_M_TRAILER);
+  (void)msg.journal();
+  return QMELM_E_NAME_HAS_NUL;
 }
 
 bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl, const FailureText &t,

@@ -8,7 +8,7 @@
 namespace xvelm::detail {
 
 FullPath::FullPath(const QMELMExtension *ext, QMJnlh jnl, NLScei enc) noexcept
-    : qmioe_(ext->qmioeh), jnl_(jnl) {
+    : ext_(ext), qmioe_(ext->qmioeh), jnl_(jnl) {
   parms_.jnl = jnl;
   parms_.enc_pathname = enc;
 }
@@ -19,6 +19,10 @@ QMStatus FullPath::resolve(const QMChar *path, QMStrSize len) noexcept {
     len_ = kRootPath.size();
     return 0;
   }
+  // A path the system would cut short at a U+0000 is refused like a name.
+  if (const QMStatus rc = refuseNul(ext_, path, len > 0 ? static_cast<QMMemSize>(len) : 0, jnl_);
+      rc != 0)
+    return rc;
   // The factory does not hand out an extension without qmioe; this only
   // keeps a half-built object from crashing.
   if (qmioe_ == nullptr) return QM_E_EXT_NOT_FOUND;

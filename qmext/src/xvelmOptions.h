@@ -34,6 +34,7 @@ class FullPath {
   [[nodiscard]] QMStatus giveBack() noexcept;
 
  private:
+  const QMELMExtension *ext_;
   QMExtensionh qmioe_;
   QMJnlh jnl_;
   QMIOEParms parms_{};       // the block handed to both qmioe calls

@@ -8,6 +8,7 @@
 using namespace xvelm::detail;
 
 int xvelmReleaseLockOptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms, QMJnlh jnl) noexcept {
+  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
   // The array GetLockOptions hands out for an empty table is refused here as
   // well, and so stays in the pool until it goes: intentional.
   if (parms == nullptr || parms->optionTable == nullptr || parms->NumOptions == 0) {

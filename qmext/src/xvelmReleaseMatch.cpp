@@ -8,6 +8,7 @@
 using namespace xvelm::detail;
 
 int xvelmReleaseMatch(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh jnl) noexcept {
+  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
   if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   QMPoolh pool = ext->Pool;
   const QMStatus s1 = parms->fullpath != nullptr ? pool->memFree(pool, parms->fullpath) : 0;

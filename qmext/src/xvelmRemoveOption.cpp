@@ -71,6 +71,7 @@ bool removeEntries(QMELMExtension *ext, const QMChar *f, QMStrSize flen, QMJnlh 
 }  // namespace
 
 int xvelmRemoveOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) noexcept {
+  JournalDeferral deferral;  // no journal write while a mutex is held
   // The full path is used in place and handed back to qmioe when this
   // function returns, after OptionMutex is released (a failing give-back is
   // journaled and does not change the result).

@@ -37,8 +37,8 @@ std::atomic<uint64_t> nextJournalSerial{1};
 // again carries nothing of its earlier text, while pieces rendered into
 // other buffers meanwhile (a description passed on as %s) leave the notes of
 // the composed message alone. messageToJnl gives its entry the codes noted
-// inside each QMChar string it consumed, in pointer order, and then forgets
-// the thread's codes of that journal.
+// inside each QMChar string it consumed, in pointer order, and forgets those
+// (codes of buffers still being composed, or kept to be journaled later, stay).
 
 struct PendingCode {
   uint64_t journal;  // Journal::serial
@@ -77,7 +77,16 @@ std::vector<QMStatus> takePending(uint64_t journal, const std::vector<StringArg>
                      [](const PendingCode &a, const PendingCode &b) { return a.at < b.at; });
     for (const PendingCode &p : inside) codes.push_back(p.code);
   }
-  std::erase_if(tPending, [&](const PendingCode &p) { return p.journal == journal; });
+  // Only the codes the entry consumed are forgotten: a message composed
+  // meanwhile in another buffer (and journaled later) keeps its own.
+  std::erase_if(tPending, [&](const PendingCode &p) {
+    if (p.journal != journal) return false;
+    for (const StringArg &s : strings) {
+      const auto lo = reinterpret_cast<uintptr_t>(s.text);
+      if (p.at >= lo && p.at <= lo + s.len * sizeof(QMChar)) return true;
+    }
+    return false;
+  });
   return codes;
 }
 
