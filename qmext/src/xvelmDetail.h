@@ -339,8 +339,11 @@ void registerHandle(HandleBlock *h) noexcept;
 // Takes every handle of an extension out of the set: its destroy frees them
 // with its pool, whether or not their holders released them.
 void unregisterHandlesOf(const QMELMExtension *ext) noexcept;
-// In the child of a fork: frees the set's bucket locks (the parent's other
-// threads may have held some at the fork).
+// Around fork(): every bucket lock is taken before it, so that no thread is
+// half-way through a change of the set, and given back after it (in the
+// child by resetHandleSetAfterFork, which frees them all).
+void handleSetPrepareFork() noexcept;
+void handleSetParentAfterFork() noexcept;
 void resetHandleSetAfterFork() noexcept;
 
 // ---- the extension object as it is allocated -------------------------------
@@ -350,7 +353,8 @@ struct NodeState;
 // The factory allocates this; callers only ever see `pub`.
 // Mutex rules: the name index (buckets, bucketCount, nodeCount) is guarded by
 // ListMutex; dead is a lock-free stack (queueDeadNode pushes, an acquisition
-// takes all); regNext and regPrev by the process's registry mutex.
+// takes all); regNext, regPrev and forkTaken by the process's registry
+// mutex.
 struct ExtensionState {
   QMELMExtension pub;       // first member: the public object
   NodeState **buckets;      // name index: inlineBuckets, or a pool block once grown
@@ -359,6 +363,7 @@ struct ExtensionState {
   NodeState *dead;          // nodes waiting to be destroyed
   ExtensionState *regNext;  // registry of live extension objects
   ExtensionState *regPrev;
+  uint8_t forkTaken;        // which of its host mutexes the fork handler holds
   NodeState *inlineBuckets[64];  // the index's first buckets: no allocation
 };
 

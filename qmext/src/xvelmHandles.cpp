@@ -68,6 +68,15 @@ bool handleIsLive(const void *h) noexcept {
   return false;
 }
 
+void handleSetPrepareFork() noexcept {
+  for (std::atomic_flag &f : stripes)
+    while (f.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
+}
+
+void handleSetParentAfterFork() noexcept {
+  for (std::atomic_flag &f : stripes) f.clear(std::memory_order_release);
+}
+
 void resetHandleSetAfterFork() noexcept {
   // Only the forking thread exists in the child: a stripe that another thread
   // of the parent held at the fork would otherwise stay taken for ever.

@@ -1,10 +1,8 @@
 /*
- * xvelmIdentity - the process-wide file table (see xvelmIdentity.h), the
- * registry of live extension objects and the fork handlers. The table's
+ * xvelmIdentity - the process-wide file table (see xvelmIdentity.h). Its
  * buckets are static and its links live in the nodes, so recording a file
- * allocates nothing and cannot fail. Takes the table mutex (a leaf after
- * NodeMutex) and the registry mutex (taken alone, or first by the fork
- * handlers).
+ * allocates nothing and cannot fail. Takes the table's stripes (after
+ * NodeMutex in the lock order); the fork unit takes them all around fork().
  */
 #include "xvelmIdentity.h"
 
@@ -39,9 +37,6 @@ pthread_once_t stripesOnce = PTHREAD_ONCE_INIT;
 FileLink *table[kBuckets];
 uint32_t generation = 1;  // bumped in the child of a fork
 
-pthread_mutex_t registryMutex = PTHREAD_MUTEX_INITIALIZER;
-ExtensionState *registry = nullptr;
-pthread_once_t forkHandlersOnce = PTHREAD_ONCE_INIT;
 
 std::size_t bucketOf(dev_t dev, ino_t ino) {
   uint64_t v = static_cast<uint64_t>(ino) * 0x9E3779B97F4A7C15ull ^ static_cast<uint64_t>(dev);
@@ -144,65 +139,6 @@ int sendLock(int fd, Need to, struct flock &req) {
   req.l_start = 0;
   req.l_len = 0;
   return sys().fcntl(fd, F_SETLK, &req);
-}
-
-// ---- fork --------------------------------------------------------------------
-
-// Before fork(): every live extension's mutexes (in the lock order), then
-// the file table, so that no thread is half-way through changing what they
-// guard while the process is copied.
-void prepareFork() {
-  pthread_mutex_lock(&registryMutex);
-  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
-    (void)e->pub.ListMutex->get(e->pub.ListMutex, 1, 1);
-  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
-    (void)e->pub.IOInfoMutex->get(e->pub.IOInfoMutex, 1, 1);
-  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
-    (void)e->pub.OptionMutex->get(e->pub.OptionMutex, 1, 1);
-  for (pthread_mutex_t &m : stripes) pthread_mutex_lock(&m);
-}
-
-void parentAfterFork() {
-  for (std::size_t i = kStripes; i-- > 0;) pthread_mutex_unlock(&stripes[i]);
-  for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
-    (void)e->pub.OptionMutex->release(e->pub.OptionMutex);
-    (void)e->pub.IOInfoMutex->release(e->pub.IOInfoMutex);
-    (void)e->pub.ListMutex->release(e->pub.ListMutex);
-  }
-  pthread_mutex_unlock(&registryMutex);
-}
-
-// A mutex the forking thread holds cannot be given back in the child (it
-// has another thread id there, and a reader-writer lock may also remember
-// writers of the parent that wait for it): the child gets a new one and
-// the old one is left to the host. When the host cannot make one, the old
-// one stays, held: the object then refuses work instead of running unlocked.
-void renew(QMHndlp hndl, QMLockh &m, const char *name) {
-  static constexpr QMLockCreateParms kParms{};
-  if (QMLockh fresh = hndl->lockCreate(hndl, &kParms, nullptr, name)) m = fresh;
-}
-
-// The child holds no record lock (they are not inherited): its table starts
-// empty, and the nodes made before the fork (their mutexes may be held by
-// threads that do not exist here) are never touched again.
-void childAfterFork() {
-  for (FileLink *&b : table) b = nullptr;
-  __atomic_store_n(&generation, generation + 1, __ATOMIC_RELEASE);
-  resetHandleSetAfterFork();
-  initStripes();
-  for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
-    __atomic_store_n(&e->dead, static_cast<NodeState *>(nullptr), __ATOMIC_RELEASE);
-    QMHndlp h = e->pub.Common.hndl;
-    renew(h, e->pub.ListMutex, "QMELM Lock Mutex");
-    renew(h, e->pub.IOInfoMutex, "QMELM IO Info Mutex");
-    renew(h, e->pub.OptionMutex, "QMELM Option Mutex");
-  }
-  pthread_mutex_init(&registryMutex, nullptr);
-}
-
-void installForkHandlers() {
-  (void)pthread_once(&stripesOnce, initStripes);
-  (void)pthread_atfork(prepareFork, parentAfterFork, childAfterFork);
 }
 
 }  // namespace
@@ -350,44 +286,25 @@ void forgetExtension(const QMELMExtension *ext) noexcept {
   }
 }
 
-// ---- registry ------------------------------------------------------------------
+// ---- fork ------------------------------------------------------------------------
 
-void registerExtension(QMELMExtension *ext) noexcept {
-  (void)pthread_once(&forkHandlersOnce, installForkHandlers);
-  ExtensionState *e = stateOf(ext);
-  pthread_mutex_lock(&registryMutex);
-  e->regPrev = nullptr;
-  e->regNext = registry;
-  if (registry != nullptr) registry->regPrev = e;
-  registry = e;
-  pthread_mutex_unlock(&registryMutex);
+void tablePrepareFork() noexcept {
+  (void)pthread_once(&stripesOnce, initStripes);
+  for (pthread_mutex_t &m : stripes) pthread_mutex_lock(&m);
 }
 
-void unregisterExtension(QMELMExtension *ext) noexcept {
-  ExtensionState *e = stateOf(ext);
-  pthread_mutex_lock(&registryMutex);
-  if (e->regPrev != nullptr)
-    e->regPrev->regNext = e->regNext;
-  else if (registry == e)
-    registry = e->regNext;
-  if (e->regNext != nullptr) e->regNext->regPrev = e->regPrev;
-  e->regNext = e->regPrev = nullptr;
-  pthread_mutex_unlock(&registryMutex);
+void tableParentAfterFork() noexcept {
+  for (std::size_t i = kStripes; i-- > 0;) pthread_mutex_unlock(&stripes[i]);
 }
 
-bool hostIsLive(QMHndlp hndl) noexcept {
-  if (hndl == nullptr) return false;
-  pthread_mutex_lock(&registryMutex);
-  bool live = false;
-  for (const ExtensionState *e = registry; e != nullptr && !live; e = e->regNext)
-    live = e->pub.Common.hndl == hndl;
-  pthread_mutex_unlock(&registryMutex);
-  return live;
+// The child holds no record lock (they are not inherited): its table starts
+// empty, and nodes made before the fork belong to another generation. The
+// stripes were taken by the forking thread, the child's only thread, which
+// gives them back.
+void tableChildAfterFork() noexcept {
+  for (FileLink *&b : table) b = nullptr;
+  __atomic_store_n(&generation, generation + 1, __ATOMIC_RELEASE);
+  for (std::size_t i = kStripes; i-- > 0;) pthread_mutex_unlock(&stripes[i]);
 }
 
 }  // namespace xvelm::detail
-
-QMHndlp qmpLiveHost(void) noexcept {
-  QMHndlp h = __atomic_load_n(&qmp_hndl, __ATOMIC_ACQUIRE);
-  return xvelm::detail::hostIsLive(h) ? h : nullptr;
-}

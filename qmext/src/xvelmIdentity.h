@@ -130,7 +130,16 @@ void closeStray(TableLock &, int fd, const struct stat &st) noexcept;
 // drop its lock.
 void forgetExtension(const QMELMExtension *ext) noexcept;
 
-// ---- the registry of live extension objects -------------------------------
+// ---- fork -----------------------------------------------------------------------
+
+// The fork unit's hands on the table: every stripe taken before fork(),
+// given back after it in the parent; in the child the table starts empty,
+// the fork generation moves on, and the stripes are given back.
+void tablePrepareFork() noexcept;
+void tableParentAfterFork() noexcept;
+void tableChildAfterFork() noexcept;
+
+// ---- the registry of live extension objects (xvelmFork.cpp) -----------------------
 
 // Factory and destroy: the fork handlers take every live object's mutexes
 // before fork() so that no mutex held by another thread is copied held.

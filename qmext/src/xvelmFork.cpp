@@ -1,0 +1,136 @@
+/*
+ * xvelmFork - the registry of live lock manager objects and fork(): one
+ * unit that covers every mutex the lock manager has. Before fork() the
+ * forking thread takes them all, in the lock order (the registry, each
+ * object's ListMutex, the file table's stripes, each object's IOInfoMutex
+ * and its records' mutexes, each OptionMutex, the live-handle set), so that
+ * no other thread is half-way through what they guard while the process is
+ * copied. The parent gives back exactly what was taken. In the child only
+ * the forking thread exists: the pthread mutexes it holds are unlocked, the
+ * host mutexes are replaced (a reader-writer lock cannot be given back by a
+ * thread with another id), the file table starts empty and the fork
+ * generation moves on, so that nodes, handles and records made before the
+ * fork are never used: every entry answers them with a status.
+ * NodeDeleteMutex and NodeMutex are not taken: nodes of the parent are
+ * never entered by the child.
+ */
+#include <pthread.h>
+
+#include "xvelmIdentity.h"
+#include "xvelmLock.h"
+
+namespace xvelm::detail {
+namespace {
+
+pthread_mutex_t registryMutex = PTHREAD_MUTEX_INITIALIZER;
+ExtensionState *registry = nullptr;
+pthread_once_t forkHandlersOnce = PTHREAD_ONCE_INIT;
+
+// Which host mutexes of an object the prepare handler obtained: only those
+// are given back in the parent. Kept in the object's private state.
+enum Taken : uint8_t { kListTaken = 1, kIOTaken = 2, kOptionTaken = 4 };
+
+bool take(QMLockh m) {
+  return m != nullptr && m->get(m, 1, 1) == 0;
+}
+
+void prepareFork() {
+  pthread_mutex_lock(&registryMutex);
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
+    e->forkTaken = take(e->pub.ListMutex) ? kListTaken : 0;
+  tablePrepareFork();
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
+    if (!take(e->pub.IOInfoMutex)) continue;
+    e->forkTaken |= kIOTaken;
+    ioPrepareFork(&e->pub);
+  }
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
+    if (take(e->pub.OptionMutex)) e->forkTaken |= kOptionTaken;
+  handleSetPrepareFork();
+}
+
+void parentAfterFork() {
+  handleSetParentAfterFork();
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
+    if (e->forkTaken & kOptionTaken) (void)e->pub.OptionMutex->release(e->pub.OptionMutex);
+    if (e->forkTaken & kIOTaken) {
+      ioParentAfterFork(&e->pub);
+      (void)e->pub.IOInfoMutex->release(e->pub.IOInfoMutex);
+    }
+  }
+  tableParentAfterFork();
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
+    if (e->forkTaken & kListTaken) (void)e->pub.ListMutex->release(e->pub.ListMutex);
+  pthread_mutex_unlock(&registryMutex);
+}
+
+// A host mutex the forking thread holds cannot be given back in the child
+// (it has another thread id there, and a reader-writer lock may also
+// remember writers of the parent that wait for it): the child gets a new
+// one and the old one is left to the host. When the host cannot make one,
+// the old one stays, held: the object then refuses work instead of running
+// unlocked.
+void renew(QMHndlp hndl, QMLockh &m, const char *name) {
+  static constexpr QMLockCreateParms kParms{};
+  if (QMLockh fresh = hndl->lockCreate(hndl, &kParms, nullptr, name)) m = fresh;
+}
+
+void childAfterFork() {
+  resetHandleSetAfterFork();
+  tableChildAfterFork();
+  for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
+    __atomic_store_n(&e->dead, static_cast<NodeState *>(nullptr), __ATOMIC_RELEASE);
+    QMHndlp h = e->pub.Common.hndl;
+    if (e->forkTaken & kIOTaken) ioChildAfterFork(&e->pub);
+    renew(h, e->pub.ListMutex, "QMELM Lock Mutex");
+    renew(h, e->pub.IOInfoMutex, "QMELM IO Info Mutex");
+    renew(h, e->pub.OptionMutex, "QMELM Option Mutex");
+  }
+  pthread_mutex_unlock(&registryMutex);
+}
+
+void installForkHandlers() {
+  (void)pthread_atfork(prepareFork, parentAfterFork, childAfterFork);
+}
+
+}  // namespace
+
+void registerExtension(QMELMExtension *ext) noexcept {
+  (void)pthread_once(&forkHandlersOnce, installForkHandlers);
+  ExtensionState *e = stateOf(ext);
+  pthread_mutex_lock(&registryMutex);
+  e->regPrev = nullptr;
+  e->regNext = registry;
+  if (registry != nullptr) registry->regPrev = e;
+  registry = e;
+  pthread_mutex_unlock(&registryMutex);
+}
+
+void unregisterExtension(QMELMExtension *ext) noexcept {
+  ExtensionState *e = stateOf(ext);
+  pthread_mutex_lock(&registryMutex);
+  if (e->regPrev != nullptr)
+    e->regPrev->regNext = e->regNext;
+  else if (registry == e)
+    registry = e->regNext;
+  if (e->regNext != nullptr) e->regNext->regPrev = e->regPrev;
+  e->regNext = e->regPrev = nullptr;
+  pthread_mutex_unlock(&registryMutex);
+}
+
+bool hostIsLive(QMHndlp hndl) noexcept {
+  if (hndl == nullptr) return false;
+  pthread_mutex_lock(&registryMutex);
+  bool live = false;
+  for (const ExtensionState *e = registry; e != nullptr && !live; e = e->regNext)
+    live = e->pub.Common.hndl == hndl;
+  pthread_mutex_unlock(&registryMutex);
+  return live;
+}
+
+}  // namespace xvelm::detail
+
+QMHndlp qmpLiveHost(void) noexcept {
+  QMHndlp h = __atomic_load_n(&qmp_hndl, __ATOMIC_ACQUIRE);
+  return xvelm::detail::hostIsLive(h) ? h : nullptr;
+}
