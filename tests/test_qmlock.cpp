@@ -1,12 +1,14 @@
-// test_qmlock.cpp - the built qmlock, run as a user runs it: `run` on free and
-// held files (a Python fcntl.lockf holder), --wait, the descriptor form, the
-// descriptors and signals COMMAND gets, the flock(1) personality against
-// util-linux flock itself, `probe`, `shell` with a script of every command and
-// on a terminal, and `demo`.
+// test_qmlock.cpp - the built qmlock, run as a user runs it: `run` against
+// util-linux flock(1), Python's lockf and OFD locks both ways, its lock
+// outliving a killed qmlock, a waiter asleep in the kernel, signals, the
+// descriptor forms; the flock(1) personality against util-linux flock itself
+// (and util-linux's own suite when it is at hand); `probe` and `locks`;
+// `shell` with a script of every command and on a terminal; `demo`.
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -212,18 +214,6 @@ bool exists(const std::string &path) {
   return access(path.c_str(), F_OK) == 0;
 }
 
-// The descriptors of a process and what they refer to.
-std::map<int, std::string> descriptorsOf(pid_t pid) {
-  std::map<int, std::string> out;
-  std::error_code ec;
-  const std::string dir = "/proc/" + std::to_string(pid) + "/fd";
-  for (const auto &e : std::filesystem::directory_iterator(dir, ec)) {
-    std::error_code ec2;
-    out[std::stoi(e.path().filename())] = std::filesystem::read_symlink(e.path(), ec2).string();
-  }
-  return out;
-}
-
 // The process holding a lock that conflicts with a write lock on path, 0 for
 // none (F_GETLK from a fresh descriptor of this process, which holds none).
 pid_t recordLockHolder(const std::string &path) {
@@ -235,9 +225,114 @@ pid_t recordLockHolder(const std::string &path) {
   return rc == 0 && q.l_type != F_UNLCK ? q.l_pid : 0;
 }
 
+// Which kinds of lock another process could take on path at once: bit 1 a
+// flock(2) lock, bit 2 a POSIX record lock, bit 4 an OFD lock; write or read.
+enum : int { kFlock = 1, kPosix = 2, kOfd = 4, kAll = 7 };
+int freeKinds(const std::string &path, bool write) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int fd = open(path.c_str(), write ? O_RDWR : O_RDONLY);
+    if (fd < 0) _exit(64);
+    int bits = 0;
+    if (flock(fd, (write ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0) bits |= kFlock;
+    flock(fd, LOCK_UN);
+    struct flock fl {};
+    fl.l_type = write ? F_WRLCK : F_RDLCK;
+    if (fcntl(fd, F_SETLK, &fl) == 0) bits |= kPosix;
+    fl.l_type = F_UNLCK;
+    fcntl(fd, F_SETLK, &fl);
+    fl.l_type = write ? F_WRLCK : F_RDLCK;
+    if (fcntl(fd, F_OFD_SETLK, &fl) == 0) bits |= kOfd;
+    _exit(bits);
+  }
+  int st = 0;
+  waitpid(pid, &st, 0);
+  return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}
+
+// A Python process holding a write lock of one kind on path (flock(2),
+// lockf, or an OFD lock) until the object goes; readLine() says "locked".
+std::unique_ptr<Proc> pythonHolder(const std::string &kind, const std::string &path) {
+  static const std::string script =
+      "import fcntl, os, struct, sys, time\n"
+      "kind, path = sys.argv[1], sys.argv[2]\n"
+      "fd = os.open(path, os.O_RDWR | os.O_CREAT)\n"
+      "if kind == 'flock': fcntl.flock(fd, fcntl.LOCK_EX)\n"
+      "elif kind == 'lockf': fcntl.lockf(fd, fcntl.LOCK_EX)\n"
+      "else: fcntl.fcntl(fd, 37, struct.pack('hhqqi', fcntl.F_WRLCK, 0, 0, 0, 0))\n"
+      "print('locked', flush=True)\n"
+      "time.sleep(120)\n";
+  return std::make_unique<Proc>(
+      std::vector<std::string>{"/usr/bin/env", "python3", "-c", script, kind, path});
+}
+
+// A line of /proc/PID/status, such as "voluntary_ctxt_switches", as a number.
+long statusField(pid_t pid, const std::string &field) {
+  std::istringstream in(slurp("/proc/" + std::to_string(pid) + "/status"));
+  for (std::string l; std::getline(in, l);)
+    if (l.rfind(field + ":", 0) == 0) return std::stol(l.substr(field.size() + 1));
+  return -1;
+}
+
+// Waits (up to a minute) until /proc/locks shows a process blocked on a
+// lock of path's file; false when none came.
+bool someoneWaitsOn(const std::string &path) {
+  struct stat st {};
+  if (stat(path.c_str(), &st) != 0) return false;
+  const std::string inode = ":" + std::to_string(st.st_ino) + " ";
+  const Clock::time_point deadline = Clock::now() + 60s;
+  while (Clock::now() < deadline) {
+    std::istringstream in(slurp("/proc/locks"));
+    for (std::string l; std::getline(in, l);)
+      if (l.find("->") != std::string::npos && l.find(inode) != std::string::npos) return true;
+    std::this_thread::sleep_for(5ms);
+  }
+  return false;
+}
+
+std::vector<std::string> concat(std::vector<std::string> a, const std::vector<std::string> &b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+// Whether any line of text matches pattern.
+bool anyLineMatches(const std::string &text, const std::string &pattern) {
+  for (const std::string &l : lines(text))
+    if (matches(l, pattern)) return true;
+  return false;
+}
+
+// Waits (up to a minute) until done() holds.
+template <class Pred>
+bool eventually(Pred done) {
+  for (const Clock::time_point deadline = Clock::now() + 60s; Clock::now() < deadline;
+       std::this_thread::sleep_for(5ms))
+    if (done()) return true;
+  return done();
+}
+
+// A locker (qmlock run, either flock) running a COMMAND that says its PID
+// and sleeps. The lock lives with COMMAND, so COMMAND is killed first; the
+// locker, which reaps it, has then ended too.
+class Holding {
+ public:
+  explicit Holding(const std::vector<std::string> &locker, const RunOptions &o = {})
+      : p(concat(locker, {"sh", "-c", "echo $$; exec sleep 120"}), o),
+        command(std::atoi(p.readLine().c_str())) {}
+  ~Holding() { release(); }
+  void release() {
+    if (command <= 0) return;
+    kill(command, SIGKILL);
+    p.wait();
+    command = 0;
+  }
+  Proc p;
+  pid_t command;
+};
+
 // ---- run ------------------------------------------------------------------------
 
-TEST(QmlockRun, FreeFilePassesTheCommandsStatusThroughWhileHoldingTheLock) {
+TEST(QmlockRun, CommandHoldsBothLocksOnItsDescriptorAndItsStatusComesBack) {
   TempDir d;
   const std::string f = d.file("free.lock");
   Done r = run({kQmlock, "run", f, "sh", "-c", "exit 7"});
@@ -246,40 +341,42 @@ TEST(QmlockRun, FreeFilePassesTheCommandsStatusThroughWhileHoldingTheLock) {
   EXPECT_TRUE(exists(f)) << "the file is created, as by flock(1)";
   EXPECT_EQ(run({kQmlock, "run", "-s", f, "-c", "exit 3"}).status, 3);
   EXPECT_EQ(run({kQmlock, "run", f, "sh", "-c", "kill -KILL $$"}).status, 128 + SIGKILL);
-  EXPECT_EQ(run({kQmlock, "run", f, "sh", "-c", "kill -USR1 $$"}).status, 128 + SIGUSR1);
 
-  // COMMAND, a child of qmlock, sees its parent hold the lock: a write lock
-  // with -x, a read lock with -s; afterwards nobody holds it.
-  r = run({kQmlock, "run", "-x", f, kQmlock, "probe", f});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_MATCHES(r.out, f + ": held (write) by process {*} (qmlock)\n");
+  // COMMAND's own descriptor carries a flock(2) and an OFD lock, write with
+  // -x, read with -s; afterwards nothing is left.
+  r = run({kQmlock, "run", "-x", f, "sh", "-c", "exec " + kQmlock + " probe " + f});
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_MATCHES(r.out, f + ":{*}flock write 0-EOF {*} (qmlock), descriptor 3\n"
+                            "{*}flock write 0-EOF {*} (qmlock), descriptor 3\n"
+                            "  OFD   write 0-EOF {*} (qmlock), descriptor 3\n"
+                            "  OFD   write 0-EOF {*} (qmlock), descriptor 3\n");
   r = run({kQmlock, "run", "--shared", f, kQmlock, "probe", f});
-  EXPECT_MATCHES(r.out, f + ": held (read) by process {*} (qmlock)\n");
-  EXPECT_EQ(recordLockHolder(f), 0);
+  EXPECT_MATCHES(r.out, "{*}flock read  0-EOF{*}OFD   read  0-EOF{*}");
+  EXPECT_EQ(freeKinds(f, true), kAll);
 
   r = run({kQmlock, "run", "--verbose", f, "true"});
   EXPECT_EQ(r.status, 0);
   EXPECT_MATCHES(r.out, "qmlock: getting lock took {*}.{*} seconds\nqmlock: executing true\n");
+  // A byte range is an OFD lock alone (flock(2) locks whole files).
+  r = run({kQmlock, "run", "--start", "1", "--length", "2", f, kQmlock, "probe", f});
+  EXPECT_MATCHES(r.out, f + ": held\n{*}OFD   write 1-2 {*}");
+  EXPECT_EQ(r.out.find("flock "), std::string::npos) << r.out;
 
-  // A directory can be locked shared (it can only be opened for reading).
-  EXPECT_EQ(run({kQmlock, "run", "-s", d.path(), "true"}).status, 0);
-  r = run({kQmlock, "run", "-x", d.path(), "true"});
-  EXPECT_EQ(r.status, 65);
-  EXPECT_MATCHES(r.err, "qmlock: " + d.path() + ": an exclusive record lock needs {*}--shared\n");
+  // A directory is opened read-only, and still locked exclusively by flock(2).
+  Holding dirHeld({kQmlock, "run", "-x", d.path()});
+  ASSERT_GT(dirHeld.command, 0);
+  EXPECT_EQ(run({kUtilLinuxFlock, "-s", "-n", d.path(), "true"}).status, 1);
+  dirHeld.release();
   r = run({kQmlock, "run", d.file("no/such/dir"), "true"});
   EXPECT_EQ(r.status, 66);
   EXPECT_EQ(r.err, "qmlock: cannot open lock file " + d.file("no/such/dir") +
                        ": No such file or directory\n");
-  r = run({kQmlock, "run", "--start", "0", "--length", "10", f, "true"});
+  r = run({kQmlock, "run", "--start", "x1", f, "true"});
   EXPECT_EQ(r.status, 64);
-  EXPECT_EQ(r.err,
-            "qmlock: byte ranges (--start, --length) are not supported: the lock manager locks "
-            "whole files\n");
-  EXPECT_EQ(run({kQmlock, "run", "--fcntl", "-n", f, "true"}).status, 0);
+  EXPECT_EQ(r.err, "qmlock: invalid as start offset: 'x1'\n");
   r = run({kQmlock, "run", "--help"});
   EXPECT_EQ(r.status, 0);
-  EXPECT_MATCHES(r.out,
-                 "usage: qmlock run [options] FILE|DIR COMMAND [ARG...]\n{*}Exit status:{*}");
+  EXPECT_MATCHES(r.out, "usage: qmlock run {*}a flock(2) lock{*}F_OFD_SETLK{*}Exit status:{*}");
   EXPECT_EQ(run({kQmlock, "frobnicate"}).status, 64);
   r = run({kQmlock, "run", f, d.file("no-such-command")});
   EXPECT_EQ(r.status, 69);
@@ -287,63 +384,139 @@ TEST(QmlockRun, FreeFilePassesTheCommandsStatusThroughWhileHoldingTheLock) {
                        ": No such file or directory\n");
 }
 
-TEST(QmlockRun, AgainstAnotherProcessExitsWithTheConflictCodeAndNamesIt) {
+// qmlock run against util-linux flock(1), Python's lockf and an OFD lock,
+// each way round.
+TEST(QmlockRun, ExcludesFlockRecordAndOfdLockersBothWays) {
+  if (access(kUtilLinuxFlock.c_str(), X_OK) != 0) GTEST_SKIP() << "no util-linux flock";
   TempDir d;
-  const std::string f = touch(d.file("held.lock")), ran = d.file("ran");
-  Holder python(f);  // fcntl.lockf in a Python process
-  ASSERT_EQ(python.line, "locked");
-  const std::string holder = "process " + std::to_string(python.pid) + " (python3)";
+  const std::string f = touch(d.file("both.lock")), ran = d.file("ran");
+  struct Case {
+    std::string kind, holds;
+  };
+  for (const Case &c : {Case{"flock", "a flock write lock"}, Case{"lockf", "a POSIX write lock"},
+                        Case{"ofd", "an OFD write lock"}}) {
+    auto holder = pythonHolder(c.kind, f);
+    ASSERT_EQ(holder->readLine(), "locked");
+    const Done r = run({kQmlock, "run", "-n", f, "touch", ran});
+    EXPECT_EQ(r.status, 1) << c.kind;
+    EXPECT_EQ(r.err, "qmlock: cannot lock " + f + " exclusively: process " +
+                         std::to_string(holder->pid) + " (python3) holds " + c.holds + "\n");
+    EXPECT_EQ(run({kQmlock, "run", "-s", "-n", "-E", "9", f, "true"}).status, 9) << c.kind;
+    EXPECT_FALSE(exists(ran)) << "COMMAND must not run without the lock";
+  }
+  EXPECT_EQ(run({kQmlock, "run", "-w", "0", "--conflict-exit-code=0", f, "true"}).status, 0);
 
-  Done r = run({kQmlock, "run", "-n", f, "touch", ran});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err,
-            "qmlock: cannot lock " + f + " exclusively: " + holder + " holds a write lock\n");
-  EXPECT_FALSE(exists(ran)) << "COMMAND must not run without the lock";
-  r = run({kQmlock, "run", "--nb", "-E", "9", "-s", f, "touch", ran});
-  EXPECT_EQ(r.status, 9);
-  EXPECT_EQ(r.err, "qmlock: cannot lock " + f + " shared: " + holder + " holds a write lock\n");
-  EXPECT_EQ(run({kQmlock, "run", "-w", "0", "--conflict-exit-code=0", f, "true"}).status, 0)
-      << "-w 0 is --nonblock, and -E 0 is allowed";
-
-  const Clock::time_point start = Clock::now();
-  r = run({kQmlock, "run", "--timeout", "0.3", f, "touch", ran});
-  EXPECT_GE(Clock::now() - start, 300ms);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "qmlock: cannot lock " + f + " exclusively within 0.3 seconds: " + holder +
-                       " holds a write lock\n");
-  EXPECT_FALSE(exists(ran));
-
-  // probe names the holder too, and takes nothing itself.
-  r = run({kQmlock, "probe", f});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, f + ": held (write) by " + holder + "\n");
+  // The other way: util-linux flock(1) and every kind of record lock are
+  // kept out while COMMAND runs; readers share with readers.
+  Holding held({kQmlock, "run", f});
+  ASSERT_GT(held.command, 0);
+  EXPECT_EQ(run({kUtilLinuxFlock, "-n", f, "true"}).status, 1);
+  EXPECT_EQ(run({kUtilLinuxFlock, "-s", "-n", f, "true"}).status, 1);
+  EXPECT_EQ(freeKinds(f, true), 0);
+  EXPECT_EQ(freeKinds(f, false), 0);
+  held.release();
+  Holding reader({kQmlock, "run", "-s", f});
+  ASSERT_GT(reader.command, 0);
+  EXPECT_EQ(freeKinds(f, false), kAll);
+  EXPECT_EQ(freeKinds(f, true), 0);
+  EXPECT_EQ(run({kQmlock, "run", "-s", "-n", f, "true"}).status, 0);
 }
 
-TEST(QmlockRun, WaitSucceedsOnceTheHolderExits) {
+TEST(QmlockRun, TheLockOutlivesAKilledQmlockAndCommandReopeningTheFile) {
+  TempDir d;
+  const std::string f = d.file("pid.lock");
+  // SIGKILL (or any signal qmlock does not catch) ends qmlock; COMMAND keeps
+  // running, and keeps the lock, until it ends.
+  for (int sig : {SIGKILL, SIGUSR1, SIGTERM}) {
+    Proc p({kQmlock, "run", f, "sh", "-c", "echo $$; exec sleep 120"});
+    const pid_t command = std::stoi("0" + p.readLine());
+    ASSERT_GT(command, 0);
+    kill(p.pid, sig);
+    int st = 0;  // not p.wait(): COMMAND keeps qmlock's output open
+    ASSERT_EQ(waitpid(p.pid, &st, 0), p.pid);
+    p.pid = -1;
+    EXPECT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == sig);
+    ASSERT_EQ(kill(command, 0), 0) << "COMMAND runs on";
+    const Done r = run({kQmlock, "run", "-n", f, "true"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_MATCHES(r.err, "{*}process " + std::to_string(command) +
+                              " (sleep) holds a flock write lock and an OFD write lock\n");
+    EXPECT_EQ(freeKinds(f, false), 0);
+    kill(command, SIGKILL);  // now an orphan: nobody here can reap it
+    EXPECT_TRUE(eventually([&] { return freeKinds(f, true) == kAll; }));
+  }
+
+  // -F: COMMAND writes its PID into the lock file (an open and a close of
+  // its own) and keeps the lock all the same.
+  Proc p({kQmlock, "run", "-F", f, "sh", "-c", "echo $$ > " + f + "; echo ready; exec sleep 120"});
+  ASSERT_EQ(p.readLine(), "ready");
+  EXPECT_EQ(slurp(f), std::to_string(p.pid) + "\n");
+  EXPECT_EQ(freeKinds(f, false), 0);
+  EXPECT_EQ(run({kQmlock, "run", "-n", f, "true"}).status, 1);
+}
+
+TEST(QmlockRun, AWaiterSleepsInTheKernelAndNeverHoldsOneLockWithoutTheOther) {
+  if (access(kUtilLinuxFlock.c_str(), X_OK) != 0) GTEST_SKIP() << "no util-linux flock";
   TempDir d;
   const std::string f = touch(d.file("wait.lock"));
-  auto python = std::make_unique<Holder>(f);
-  ASSERT_EQ(python->line, "locked");
-  Proc waiter({kQmlock, "run", "--wait", "60", f, "sh", "-c", "echo got it"});
+  // Held by flock(1): the waiter waits for the flock(2) lock without
+  // holding its OFD lock, which others can take meanwhile.
+  auto flockHolder = std::make_unique<Holding>(std::vector<std::string>{kUtilLinuxFlock, f});
+  ASSERT_GT(flockHolder->command, 0);
+  Proc waiter({kQmlock, "run", "--wait", "600", f, "sh", "-c", "echo got it"});
+  ASSERT_TRUE(someoneWaitsOn(f));
+  EXPECT_EQ(freeKinds(f, true), kPosix | kOfd);
+  // Asleep: it is not woken while the holder holds.
+  const long before = statusField(waiter.pid, "voluntary_ctxt_switches") +
+                      statusField(waiter.pid, "nonvoluntary_ctxt_switches");
   std::this_thread::sleep_for(300ms);
-  EXPECT_TRUE(waiter.running()) << "the waiter must wait for the holder";
-  const Clock::time_point released = Clock::now();
-  python.reset();  // killed: the kernel releases its lock
-  const Done r = waiter.wait();
+  const long after = statusField(waiter.pid, "voluntary_ctxt_switches") +
+                     statusField(waiter.pid, "nonvoluntary_ctxt_switches");
+  EXPECT_LE(after - before, 2) << "a waiter that polls wakes up again and again";
+  flockHolder.reset();
+  Done r = waiter.wait();
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "got it\n");
-  EXPECT_LT(Clock::now() - released, 20s);
 
-  // Without --wait and without --nonblock, qmlock waits as long as it takes.
-  auto again = std::make_unique<Holder>(f);
+  // Held by an OFD lock: the waiter waits for it, holding no flock(2) lock.
+  auto ofdHolder = pythonHolder("ofd", f);
+  ASSERT_EQ(ofdHolder->readLine(), "locked");
   Proc patient({kQmlock, "run", f, "true"});
-  std::this_thread::sleep_for(200ms);
-  EXPECT_TRUE(patient.running());
-  again.reset();
+  ASSERT_TRUE(someoneWaitsOn(f));
+  EXPECT_EQ(freeKinds(f, true), kFlock);
+  // A timeout interrupts the wait, and the line names the holder.
+  r = run({kQmlock, "run", "-w", "0.2", f, "true"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "qmlock: cannot lock " + f + " exclusively within 0.2 seconds: process " +
+                       std::to_string(ofdHolder->pid) + " (python3) holds an OFD write lock\n");
+  ofdHolder.reset();
   EXPECT_EQ(patient.wait().status, 0);
 }
 
-TEST(QmlockRun, DescriptorFormHoldsAfterQmlockExitsAndUnlockGivesItBack) {
+TEST(QmlockRun, SignalsReachCommandOnceAndAreNotPassedOn) {
+  TempDir d;
+  const std::string f = d.file("signal.lock");
+  // COMMAND counts the SIGTERMs it gets, reporting the count once no more
+  // came for a while after the first.
+  const std::string count =
+      "import os, signal, sys, time\n"
+      "got = []\n"
+      "signal.signal(signal.SIGTERM, lambda s, f: got.append(s))\n"
+      "print(os.getpid(), flush=True)\n"
+      "while not got: time.sleep(0.01)\n"
+      "time.sleep(1)\n"
+      "print(len(got), flush=True)\n";
+  // qmlock leads its own process group (setsid), as under a service manager.
+  Proc p({"/usr/bin/setsid", kQmlock, "run", f, "python3", "-c", count});
+  const pid_t command = std::stoi("0" + p.readLine());
+  ASSERT_GT(command, 0);
+  ASSERT_EQ(getpgid(command), p.pid);
+  kill(-p.pid, SIGTERM);
+  EXPECT_EQ(p.readLine(), "1") << "the group's signal reached COMMAND once";
+  EXPECT_EQ(p.wait().status, 128 + SIGTERM) << "qmlock ends of it, as flock(1)";
+}
+
+TEST(QmlockRun, DescriptorFormsLockTheCallersDescriptor) {
   TempDir d;
   const std::string f = d.file("fd.lock");
   const int fd = open(f.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
@@ -353,95 +526,29 @@ TEST(QmlockRun, DescriptorFormHoldsAfterQmlockExitsAndUnlockGivesItBack) {
 
   Done r = run({kQmlock, "run", "-n", n}, inherit);
   ASSERT_EQ(r.status, 0) << r.err;
-  // qmlock has gone; the lock stays with the open file description.
-  EXPECT_FALSE(otherProcessCanLock(f, F_RDLCK));
+  // qmlock has gone; both locks stay with the open file description.
+  EXPECT_EQ(freeKinds(f, false), 0);
   r = run({kQmlock, "run", "-n", f, "true"});
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "qmlock: cannot lock " + f +
-                       " exclusively: a lock owned by an open file description (no process ID) "
-                       "holds a write lock\n");
-  EXPECT_EQ(run({kQmlock, "probe", f}).out,
-            f + ": held (write) by a lock owned by an open file description (no process ID)\n");
-
+  EXPECT_MATCHES(r.err, "qmlock: cannot lock " + f + " exclusively: process " +
+                            std::to_string(getpid()) +
+                            " ({*}) holds a flock write lock and an "
+                            "OFD write lock\n");
   r = run({kQmlock, "run", "--unlock", n}, inherit);
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(otherProcessCanLock(f, F_WRLCK));
+  EXPECT_EQ(freeKinds(f, true), kAll);
 
-  // Shared on the descriptor: readers may join, writers not; a record lock
-  // of the lock manager's conflicts with it like any other.
-  ASSERT_EQ(run({kQmlock, "run", "-s", "-n", n}, inherit).status, 0);
-  EXPECT_TRUE(otherProcessCanLock(f, F_RDLCK));
-  EXPECT_FALSE(otherProcessCanLock(f, F_WRLCK));
-  EXPECT_EQ(run({kQmlock, "run", "-n", "-s", f, "true"}).status, 0);
-  EXPECT_EQ(run({kQmlock, "run", "-n", "-E", "3", f, "true"}).status, 3);
-  ASSERT_EQ(run({kQmlock, "run", "-u", n}, inherit).status, 0);
-
-  // A write lock needs the descriptor open for writing; a closed one is an error.
-  const int ro = open(f.c_str(), O_RDONLY | O_CLOEXEC);
-  r = run({kQmlock, "run", "-n", std::to_string(ro)}, {{}, {}, {}, {ro}});
+  // --fd FD COMMAND: COMMAND runs with FD locked, and inherits it unless --close.
+  r = run({kQmlock, "run", "-s", "--fd", n, "sh", "-c", kQmlock + " run -n -s --fd " + n}, inherit);
+  EXPECT_EQ(r.status, 0) << r.err;
+  r = run({kQmlock, "run", "--close", "--fd", n, "-c", kQmlock + " run -n --fd " + n}, inherit);
   EXPECT_EQ(r.status, 65);
-  EXPECT_EQ(r.err, "qmlock: " + std::to_string(ro) +
-                       ": an exclusive record lock needs the descriptor open for writing\n");
+  EXPECT_EQ(r.err, "qmlock: " + n + ": Bad file descriptor\n");
+  ASSERT_EQ(run({kQmlock, "run", "-u", n}, inherit).status, 0);
   r = run({kQmlock, "run", "-n", "77"});
   EXPECT_EQ(r.status, 65);
   EXPECT_EQ(r.err, "qmlock: 77: Bad file descriptor\n");
-  close(ro);
   close(fd);
-}
-
-TEST(QmlockRun, CommandInheritsTheLocksDescriptorOnlyAndIsSentSignals) {
-  TempDir d;
-  const std::string f = d.file("inherit.lock");
-  const int extra = open("/dev/null", O_RDONLY | O_CLOEXEC);  // the caller's own, passed on
-  const RunOptions o{{}, {}, {}, {extra}};
-  // COMMAND reports its PID, then waits to be signalled: it ends with 40, 41
-  // or 42 for SIGINT, SIGTERM or SIGHUP (a process that forks nothing, so no
-  // signal can land in a child between its fork and its exec).
-  const std::string wait =
-      "import os, signal, time\n"
-      "for n, s in enumerate((signal.SIGINT, signal.SIGTERM, signal.SIGHUP)):\n"
-      "    signal.signal(s, lambda sig, frame, n=n: os._exit(40 + n))\n"
-      "print(os.getpid(), flush=True)\n"
-      "time.sleep(60)\n";
-
-  struct Case {
-    std::vector<std::string> options;
-    bool lockDescriptor;  // COMMAND has it
-    int signal, status;
-  };
-  for (const Case &c : {Case{{}, true, SIGTERM, 41}, Case{{"--close"}, false, SIGINT, 40},
-                        Case{{"-o", "-s"}, false, SIGHUP, 42}}) {
-    std::vector<std::string> argv = {kQmlock, "run"};
-    argv.insert(argv.end(), c.options.begin(), c.options.end());
-    argv.insert(argv.end(), {f, "python3", "-c", wait});
-    Proc p(argv, o);
-    const pid_t command = std::stoi("0" + p.readLine());
-    ASSERT_GT(command, 0);
-    std::map<int, std::string> fds = descriptorsOf(command);
-    EXPECT_EQ(fds[extra], "/dev/null");
-    std::vector<std::string> others;
-    for (const auto &[fd, target] : fds)
-      if (fd > 2 && fd != extra) others.push_back(target);
-    EXPECT_EQ(others, c.lockDescriptor ? std::vector<std::string>{f} : std::vector<std::string>{});
-    EXPECT_EQ(recordLockHolder(f), p.pid) << "qmlock itself holds the lock";
-    kill(p.pid, c.signal);
-    EXPECT_EQ(p.wait().status, c.status) << "the signal is passed on to COMMAND";
-    EXPECT_EQ(recordLockHolder(f), 0);
-  }
-
-  // --no-fork: COMMAND replaces qmlock and keeps the lock through the descriptor.
-  Proc p({kQmlock, "run", "--no-fork", f, "python3", "-c", wait}, o);
-  const pid_t command = std::stoi("0" + p.readLine());
-  EXPECT_EQ(command, p.pid);
-  std::map<int, std::string> fds = descriptorsOf(command);
-  std::string shown;
-  for (const auto &[fd, target] : fds) shown += " " + std::to_string(fd) + "->" + target;
-  EXPECT_EQ(fds.size(), 5u) << "0 to 2, the caller's and the lock's; found" << shown;
-  EXPECT_EQ(recordLockHolder(f), p.pid);
-  kill(p.pid, SIGTERM);
-  EXPECT_EQ(p.wait().status, 41);
-  EXPECT_EQ(recordLockHolder(f), 0);
-  close(extra);
 }
 
 // ---- flock(1) ---------------------------------------------------------------------
@@ -495,12 +602,12 @@ TEST(QmlockFlock, UnderTheNameFlockItSpeaksAsUtilLinuxFlock) {
                  "\nUsage:\n flock [options] <file>|<directory> <command> [<argument>...]\n{*}"
                  "For more details see flock(1).\n");
 
-  // Conflicts: silent, or flock's words with --verbose. Each is held by its
-  // own kind of lock (util-linux flock(1) takes flock(2) locks).
-  Proc mineHeld({kQmlock, "run", ours.file("held"), "sh", "-c", "echo ready; exec sleep 60"});
-  Proc utilHeld({kUtilLinuxFlock, theirs.file("held"), "sh", "-c", "echo ready; exec sleep 60"});
-  ASSERT_EQ(mineHeld.readLine(), "ready");
-  ASSERT_EQ(utilHeld.readLine(), "ready");
+  // Conflicts: silent, or flock's words with --verbose, against a holder
+  // of flock(2) locks in each directory.
+  Holding mineHeld({link, ours.file("held")});
+  Holding utilHeld({kUtilLinuxFlock, theirs.file("held")});
+  ASSERT_GT(mineHeld.command, 0);
+  ASSERT_GT(utilHeld.command, 0);
   for (const auto &args : std::vector<std::vector<std::string>>{
            {"-n", "held", "true"},
            {"-n", "-E", "7", "held", "true"},
@@ -511,33 +618,135 @@ TEST(QmlockFlock, UnderTheNameFlockItSpeaksAsUtilLinuxFlock) {
     EXPECT_EQ(m.status, u.status) << args[1];
     EXPECT_EQ(m.err, u.err) << args[1];
   }
+
+  // One lock, of flock(1)'s kind: flock(2) by default, OFD with --fcntl.
+  const std::string f = touch(ours.file("kinds"));
+  auto lockf = pythonHolder("lockf", f);
+  ASSERT_EQ(lockf->readLine(), "locked");
+  EXPECT_EQ(run({link, "-n", f, "true"}).status, 0);
+  EXPECT_EQ(run({link, "-n", "--fcntl", f, "true"}).status, 1);
+  lockf.reset();
+  const Done ranged = run({link, "-s", "--start", "1", "--length", "2", f, kQmlock, "probe", f});
+  EXPECT_TRUE(anyLineMatches(ranged.out, "  OFD   read  1-2 {*} (flock), descriptor 3"))
+      << ranged.out;
+  EXPECT_EQ(ranged.out.find("flock "), std::string::npos) << ranged.out;
 }
 
-// ---- probe ------------------------------------------------------------------------
-
-TEST(QmlockProbe, TellsFreeFromHeldAndNamesTheHolder) {
+// The manual's self-locking script, as root and as a user who cannot write
+// it: flock(1) opens the file read-only, so running it is not "Text file busy".
+TEST(QmlockFlock, SelfLockingScriptRunsAsRootAndAsAnUnprivilegedUser) {
   TempDir d;
-  const std::string free = touch(d.file("free")), written = touch(d.file("written")),
-                    read = touch(d.file("read")), missing = d.file("missing");
-  Holder python(written);
-  ASSERT_EQ(python.line, "locked");
-  Proc reader({kQmlock, "run", "-s", read, "sh", "-c", "echo ready; exec sleep 60"});
-  ASSERT_EQ(reader.readLine(), "ready");
+  ASSERT_EQ(chmod(d.path().c_str(), 0755), 0);
+  const std::string bin = d.file("bin"), script = d.file("self.sh");
+  ASSERT_EQ(mkdir(bin.c_str(), 0755), 0);
+  ASSERT_EQ(symlink(kQmlock.c_str(), (bin + "/flock").c_str()), 0);
+  std::ofstream(script)
+      << "#!/bin/sh\n"
+         "[ \"${FLOCKER}\" != \"$0\" ] && exec env FLOCKER=\"$0\" flock -en \"$0\" "
+         "\"$0\" \"$@\" || :\n"
+         "echo \"locked: $1\"\n";
+  ASSERT_EQ(chmod(script.c_str(), 0755), 0);
+  const std::string path = "PATH=" + bin + ":/usr/bin:/bin";
+  Done r = run({"/usr/bin/env", path, script, "root"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "locked: root\n");
+  // qmlock run the same way: the script is opened read-only (it is executable).
+  r = run({kQmlock, "run", "-xn", script, script, "run"}, {{}, {}, {"FLOCKER=" + script}, {}});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "locked: run\n");
+  if (geteuid() != 0) GTEST_SKIP() << "runuser needs root to run as nobody";
+  if (access("/usr/sbin/runuser", X_OK) != 0) GTEST_SKIP() << "no runuser";
+  r = run({"/usr/sbin/runuser", "-u", "nobody", "--", "/usr/bin/env", path, script, "nobody"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "locked: nobody\n");
+  const std::string readable = touch(d.file("readable"));
+  r = run({"/usr/sbin/runuser", "-u", "nobody", "--", bin + "/flock", "-x", readable, "true"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  r = run({"/usr/sbin/runuser", "-u", "nobody", "--", kQmlock, "run", "-x", readable, "true"});
+  EXPECT_EQ(r.status, 0) << r.err;
+}
 
-  Done r = run({kQmlock, "probe", free});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, free + ": free\n");
-  r = run({kQmlock, "probe", free, written, read});
+// util-linux's own flock tests, when the shared tree that holds them is
+// beside the checkout; lslocks is qmlock under that name, which sees the
+// holders of OFD locks.
+TEST(QmlockFlock, UtilLinuxOwnSuitePasses) {
+  const std::string suite = std::string(QMLOCK_TESTDATA) + "/../../../shared/util-linux-flock/run";
+  if (access(suite.c_str(), X_OK) != 0)
+    GTEST_SKIP() << "util-linux's flock suite is not beside the checkout (" << suite << ")";
+  TempDir d;
+  ASSERT_EQ(symlink(kQmlock.c_str(), d.file("lslocks").c_str()), 0);
+  const char *pathEnv = std::getenv("PATH");
+  const Done r =
+      run({suite, kQmlock},
+          {{}, {}, {"PATH=" + d.path() + ":" + (pathEnv ? pathEnv : "/usr/bin:/bin")}, {}});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_MATCHES(r.out, "{*}util-linux flock tests: 18/18 subtests passed\n");
+}
+
+// ---- probe and locks --------------------------------------------------------------
+
+TEST(QmlockProbe, ListsEveryKindOfLockWithItsHoldersRangeAndMode) {
+  TempDir d;
+  const std::string free = touch(d.file("free")), missing = d.file("missing");
+  const std::string f = touch(d.file("many"));
+  auto byFlock = pythonHolder("flock", f);
+  ASSERT_EQ(byFlock->readLine(), "locked");
+  // Two readers of one OFD range, and a POSIX lock on other bytes.
+  const std::string flockLink = d.file("flock");
+  ASSERT_EQ(symlink(kQmlock.c_str(), flockLink.c_str()), 0);
+  Holding readerA({flockLink, "-s", "--start", "10", "--length", "5", f});
+  Holding readerB({flockLink, "-s", "--start", "10", "--length", "5", f});
+  ASSERT_GT(readerA.command, 0);
+  ASSERT_GT(readerB.command, 0);
+  Proc posix(
+      {"/usr/bin/env", "python3", "-c",
+       "import fcntl, sys, time\nf = open(sys.argv[1], 'r+')\n"
+       "fcntl.lockf(f, fcntl.LOCK_EX, 3, 20)\nprint('locked', flush=True)\ntime.sleep(120)\n",
+       f});
+  ASSERT_EQ(posix.readLine(), "locked");
+
+  Done r = run({kQmlock, "probe", free, f});
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, free + ": free\n" + written + ": held (write) by process " +
-                       std::to_string(python.pid) + " (python3)\n" + read +
-                       ": held (read) by process " + std::to_string(reader.pid) + " (qmlock)\n");
+  EXPECT_MATCHES(r.out, free + ": free\n" + f + ": held\n{*}");
+  for (const std::string &want : {"  flock write 0-EOF        process " +
+                                      std::to_string(byFlock->pid) + " (python3), descriptor {*}",
+                                  "  OFD   read  10-14        process " +
+                                      std::to_string(readerA.p.pid) + " (flock), descriptor 3",
+                                  "  OFD   read  10-14        process " +
+                                      std::to_string(readerA.command) + " (sleep), descriptor 3",
+                                  "  OFD   read  10-14        process " +
+                                      std::to_string(readerB.command) + " (sleep), descriptor 3",
+                                  "  POSIX write 20-22        process " +
+                                      std::to_string(posix.pid) + " (python3), descriptor {*}"})
+    EXPECT_TRUE(anyLineMatches(r.out, want)) << want << "\nin:\n" << r.out;
+
+  r = run({kQmlock, "probe", "--json", f});
+  EXPECT_MATCHES(r.out, "[{\"path\": \"" + f +
+                            "\", \"held\": true, \"remote_filesystem\": null, \"locks\": [{*}"
+                            "{\"kind\": \"OFD\", \"mode\": \"read\", \"start\": 10, \"end\": 14, "
+                            "\"pid\": " +
+                            std::to_string(readerA.command) +
+                            ", \"command\": \"sleep\", \"fd\": 3, \"remote\": false}{*}]}]\n");
   r = run({kQmlock, "probe", missing, free});
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.err, "qmlock: " + missing + ": No such file or directory\n");
-  EXPECT_EQ(r.out, free + ": free\n");
   EXPECT_EQ(run({kQmlock, "probe"}).status, 2);
-  EXPECT_TRUE(otherProcessCanLock(free, F_WRLCK)) << "probing takes no lock";
+  EXPECT_EQ(freeKinds(free, true), kAll) << "probing takes no lock";
+
+  // qmlock locks: the same rows, as lslocks(8) lays them out.
+  r = run({kQmlock, "locks", "--pid", std::to_string(readerA.command), "-o",
+           "TYPE,MODE,START,END,PATH", "--noheadings", "--raw"});
+  EXPECT_EQ(r.out, "OFDLCK READ 10 14 " + f + "\n");
+  r = run({kQmlock, "locks", d.path()});
+  EXPECT_EQ(lines(r.out).size(), 7u) << "a heading, then each holder of each lock:\n" << r.out;
+  EXPECT_MATCHES(lines(r.out)[0], "COMMAND {*}PID TYPE {*}MODE  M START END PATH");
+  EXPECT_EQ(run({kQmlock, "locks", "-o", "NOPE"}).status, 64);
+}
+
+TEST(QmlockDemo, HelpExitsZero) {
+  const Done r = run({kQmlock, "demo", "--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_MATCHES(r.out, "usage: qmlock demo\n{*}");
 }
 
 // ---- shell ------------------------------------------------------------------------

@@ -243,10 +243,16 @@ void demonstrate(Narrator &n, elm::LockManager &lm, const std::string &dir) {
 
 }  // namespace
 
-int demoMain(int argc, char **) {
+int demoMain(int argc, char **argv) {
   if (argc > 1) {
-    std::fprintf(stderr, "usage: qmlock demo\n");
-    return kExitUsage;
+    const bool help = std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0;
+    std::fprintf(help ? stdout : stderr,
+                 "usage: qmlock demo\n"
+                 "Shows the QM lock manager at work in a fresh directory under $TMPDIR (or\n"
+                 "/tmp), which it removes: lock options, threads sharing a lock, another\n"
+                 "process refused and then granted, an upgrade and a downgrade, delete on\n"
+                 "close, the I/O report. Exit status: 0 when every step went as shown.\n");
+    return help ? kExitOk : kExitUsage;
   }
   const char *tmpdir = std::getenv("TMPDIR");
   std::string dir =

@@ -23,7 +23,8 @@ namespace qmlock {
 
 namespace {
 
-const char *const kColumns[] = {"COMMAND", "PID", "TYPE", "SIZE", "MODE", "M", "START", "END", "PATH"};
+const char *const kColumns[] = {"COMMAND", "PID",   "TYPE", "SIZE", "MODE",
+                                "M",       "START", "END",  "PATH"};
 
 // The size of a file as lslocks shows it: 512, 4K, 1.5M.
 std::string humanSize(off_t n) {
@@ -69,15 +70,6 @@ bool under(const std::string &path, const std::vector<std::string> &dirs) {
   for (const std::string &d : dirs)
     if (path == d || path.rfind(d == "/" ? d : d + "/", 0) == 0) return true;
   return false;
-}
-
-std::string jsonString(const std::string &s) {
-  std::string out = "\"";
-  for (const char c : s) {
-    if (c == '"' || c == '\\') out += '\\';
-    if (static_cast<unsigned char>(c) >= 0x20) out += c;
-  }
-  return out + "\"";
 }
 
 void usage(FILE *out, const char *name) {

@@ -6,8 +6,8 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -143,7 +143,6 @@ std::vector<LockRow> kernelLocks(const LockQuery &q) {
   for (int pass = 0; pass < 2; ++pass) {
     for (size_t i = 0; i < entries.size(); ++i) {
       const LockRow &e = entries[i];
-      if (pass == 1 && !claimed[i].empty()) continue;
       for (size_t j = 0; j < held.size(); ++j) {
         if (taken[j] || !sameLock(e, held[j])) continue;
         if (pass == 0 && e.kind != LockKind::ofd && held[j].pid != e.pid) continue;
@@ -196,15 +195,23 @@ std::string conflictingHolders(int fd, const WantedLock &want) {
   LockQuery q;
   q.file = std::pair(st.st_dev, st.st_ino);
   const pid_t self = getpid();
-  std::string out;
+  // Each holder once, with every conflicting lock it holds.
+  std::vector<std::pair<pid_t, std::string>> holders;
   for (const LockRow &r : kernelLocks(q)) {
     if (r.pid == self && r.fd == fd) continue;
     if (!(r.kind == LockKind::flock ? want.flock : want.record)) continue;
     if (!want.write && !r.write) continue;
-    if (r.kind != LockKind::flock && !rangesOverlap(want.start, want.end, r.start, r.end))
-      continue;
-    out += (out.empty() ? "" : "; ") + describeRow(r);
+    if (r.kind != LockKind::flock && !rangesOverlap(want.start, want.end, r.start, r.end)) continue;
+    const std::string text = describeRow(r);
+    auto h = std::find_if(holders.begin(), holders.end(),
+                          [&](const auto &x) { return x.first == r.pid && r.pid > 0; });
+    if (h == holders.end())
+      holders.emplace_back(r.pid, text);
+    else
+      h->second += " and" + text.substr(text.find(" holds ") + 6);
   }
+  std::string out;
+  for (const auto &h : holders) out += (out.empty() ? "" : "; ") + h.second;
   if (!out.empty()) return out;
   // Nothing on this machine: on a file system whose server arbitrates
   // locks, the server names the holder, with the PID it has on its own
@@ -215,11 +222,27 @@ std::string conflictingHolders(int fd, const WantedLock &want) {
   fl.l_whence = SEEK_SET;
   fl.l_start = want.start;
   fl.l_len = want.end < 0 ? 0 : want.end - want.start + 1;
-  if (want.record && !remote.empty() && fcntl(fd, F_OFD_GETLK, &fl) == 0 &&
-      fl.l_type != F_UNLCK)
+  if (want.record && !remote.empty() && fcntl(fd, F_OFD_GETLK, &fl) == 0 && fl.l_type != F_UNLCK)
     return "a process on another machine (PID " + std::to_string(fl.l_pid) + " there, over " +
            remote + ") holds a " + (fl.l_type == F_WRLCK ? "write" : "read") + " lock";
   return "its holder went away while it was being locked";
+}
+
+std::string jsonString(const std::string &s) {
+  std::string out = "\"";
+  for (const char c : s) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      char buf[8];
+      std::snprintf(buf, sizeof buf, "\\u%04x", c);
+      out += buf;
+    } else {
+      out += c;
+    }
+  }
+  return out + "\"";
 }
 
 std::string remoteFileSystem(int fd) {

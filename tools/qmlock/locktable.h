@@ -55,6 +55,9 @@ const char *kernelKindName(LockKind k);
 // which /proc/locks does not show.
 std::string remoteFileSystem(int fd);
 
+// s as a JSON string, quoted, for probe --json and locks --json.
+std::string jsonString(const std::string &s);
+
 // Whether two byte ranges (end -1: to the end of the file) overlap.
 bool rangesOverlap(off_t aStart, off_t aEnd, off_t bStart, off_t bEnd);
 

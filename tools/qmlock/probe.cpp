@@ -45,11 +45,12 @@ RemoteHolder remoteHolder(int fd, const std::vector<LockRow> &rows) {
 }
 
 std::string range(off_t start, off_t end) {
-  return end < 0 ? std::to_string(start) + "-EOF" : std::to_string(start) + "-" + std::to_string(end);
+  return end < 0 ? std::to_string(start) + "-EOF"
+                 : std::to_string(start) + "-" + std::to_string(end);
 }
 
-void printText(const std::string &path, const std::vector<LockRow> &rows, const RemoteHolder &remote,
-               const std::string &fs) {
+void printText(const std::string &path, const std::vector<LockRow> &rows,
+               const RemoteHolder &remote, const std::string &fs) {
   if (rows.empty() && remote.pid == 0) {
     std::printf("%s: free\n", path.c_str());
     return;
@@ -62,26 +63,9 @@ void printText(const std::string &path, const std::vector<LockRow> &rows, const 
                 range(r.start, r.end).c_str(), who.c_str());
   }
   if (remote.pid != 0)
-    std::printf("  %-5s %-5s %-12s a process on another machine (PID %d there, over %s)\n",
-                "POSIX", remote.write ? "write" : "read", range(remote.start, remote.end).c_str(),
+    std::printf("  %-5s %-5s %-12s a process on another machine (PID %d there, over %s)\n", "POSIX",
+                remote.write ? "write" : "read", range(remote.start, remote.end).c_str(),
                 static_cast<int>(remote.pid), fs.c_str());
-}
-
-std::string jsonString(const std::string &s) {
-  std::string out = "\"";
-  for (const char c : s) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += c;
-    }
-  }
-  return out + "\"";
 }
 
 std::string jsonLock(const char *kind, bool write, off_t start, off_t end, pid_t pid,
@@ -104,8 +88,7 @@ std::string jsonFile(const std::string &path, const std::vector<LockRow> &rows,
   if (remote.pid != 0)
     locks += (locks.empty() ? "" : ", ") +
              jsonLock("POSIX", remote.write, remote.start, remote.end, remote.pid, "", -1, true);
-  return "{\"path\": " + jsonString(path) +
-         ", \"held\": " + (locks.empty() ? "false" : "true") +
+  return "{\"path\": " + jsonString(path) + ", \"held\": " + (locks.empty() ? "false" : "true") +
          ", \"remote_filesystem\": " + (fs.empty() ? "null" : jsonString(fs)) + ", \"locks\": [" +
          locks + "]}";
 }

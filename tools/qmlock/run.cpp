@@ -64,9 +64,9 @@ struct Request {
   const char *timeoutText = nullptr;       // as given, for messages
   int conflictExit = 1;
   bool closeFd = false, noFork = false, verbose = false;
-  off_t start = 0, length = 0;  // the byte range of an OFD lock; length 0: to the end
-  const char *file = nullptr;   // the FILE|DIR form
-  int fd = -1;                  // the FD form (positional, or --fd)
+  off_t start = 0, length = 0;      // the byte range of an OFD lock; length 0: to the end
+  const char *file = nullptr;       // the FILE|DIR form
+  int fd = -1;                      // the FD form (positional, or --fd)
   const char *shellLine = nullptr;  // -c LINE given as an option
   std::vector<char *> command;      // COMMAND's argv, null-terminated; empty: none
 };
@@ -330,7 +330,8 @@ std::optional<int> parse(int argc, char **argv, const Voice &v, Request &req) {
       case kLength: {
         const std::optional<off_t> n = parseSize(optarg);
         if (!n) {
-          v.warnx("%s: '%s'", opt == kStart ? "invalid as start offset" : "invalid as lenght of lock range",
+          v.warnx("%s: '%s'",
+                  opt == kStart ? "invalid as start offset" : "invalid as lenght of lock range",
                   optarg);
           return kExitUsage;
         }
@@ -412,9 +413,7 @@ int lockOnce(int fd, Api kind, Mode m, bool block, const Request &req, bool read
     return flock(fd, op | (block ? 0 : LOCK_NB)) == 0 ? 0 : errno;
   }
   struct flock fl {};
-  fl.l_type = m == Mode::unlock                    ? F_UNLCK
-              : m == Mode::shared || readOnlyRecord ? F_RDLCK
-                                                    : F_WRLCK;
+  fl.l_type = m == Mode::unlock ? F_UNLCK : m == Mode::shared || readOnlyRecord ? F_RDLCK : F_WRLCK;
   fl.l_whence = SEEK_SET;
   fl.l_start = req.start;
   fl.l_len = req.length;
@@ -476,7 +475,8 @@ struct Outcome {
 // Takes req's lock(s) on fd, waiting as req says.
 Outcome acquire(int fd, const Request &req, const WaitTimer &timer) {
   int flags = fcntl(fd, F_GETFL);
-  const bool readOnlyRecord = req.api == Api::both && flags != -1 && (flags & O_ACCMODE) == O_RDONLY;
+  const bool readOnlyRecord =
+      req.api == Api::both && flags != -1 && (flags & O_ACCMODE) == O_RDONLY;
   const bool block = !req.nonblock;
   Api first = req.api == Api::both ? Api::ofd : req.api;
   for (;;) {
@@ -526,7 +526,8 @@ int spawnAndWait(const Voice &v, const Request &req, int lockFd) {
   posix_spawn_file_actions_init(&actions);
   if (req.closeFd && lockFd >= 0) posix_spawn_file_actions_addclose(&actions, lockFd);
   pid_t child = -1;
-  const int err = posix_spawnp(&child, req.command[0], &actions, nullptr, req.command.data(), environ);
+  const int err =
+      posix_spawnp(&child, req.command[0], &actions, nullptr, req.command.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (err != 0) {
     v.warn(err, "failed to execute %s", req.command[0]);
@@ -590,8 +591,8 @@ int conflictExit(const Voice &v, const Request &req, int fd, Got got) {
   if (got == Got::conflict)
     v.warnx("cannot lock %s %s: %s", what.c_str(), how(req.mode), holder.c_str());
   else
-    v.warnx("cannot lock %s %s within %s seconds: %s", what.c_str(), how(req.mode),
-            req.timeoutText, holder.c_str());
+    v.warnx("cannot lock %s %s within %s seconds: %s", what.c_str(), how(req.mode), req.timeoutText,
+            holder.c_str());
   return req.conflictExit;
 }
 
