@@ -50,9 +50,12 @@ clang: | deps
 	$(CMAKE) --build build-clang -j$(JOBS)
 
 # The Google Benchmark programs, then qmlock run against util-linux flock(1).
+# Builds only the bench_* programs and qmlock (with the libraries they load),
+# not the test suite.
+BENCH_TARGETS = qmlock $(basename $(notdir $(wildcard bench/bench_*.cpp)))
 bench: | deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release $(OWN)
-	$(CMAKE) --build build-bench -j$(JOBS)
+	$(CMAKE) --build build-bench -j$(JOBS) --target $(BENCH_TARGETS)
 	@for b in build-bench/bin/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 --benchmark_repetitions=3 --benchmark_report_aggregates_only=true || exit 1; done
 	@echo "== bench/run_vs_flock.sh"
 	@./bench/run_vs_flock.sh build-bench/bin/qmlock

@@ -1,76 +1,105 @@
 #!/usr/bin/env bash
 # qmlock run against util-linux flock(1), side by side:
-#  1. the cost of `qmlock run -x FILE true` and of `flock -x FILE true`, run
-#     alternately (so that drift in the machine's load hits both alike), as
-#     medians of the wall time per run and their ratio;
-#  2. how soon a `qmlock run --wait` waiter gets the lock after its holder
-#     (another process's fcntl record lock) lets it go: the holder releases,
-#     then watches with F_GETLK until the waiter's lock appears.
+#  1. the cost of `qmlock run -x FILE true`, of qmlock under the name flock,
+#     and of util-linux `flock -x FILE true`, run in turn (so that drift in
+#     the machine's load hits all alike): medians of the wall time per run and
+#     the ratios to util-linux flock(1);
+#  2. how soon a waiting `qmlock run` has the lock after its holder lets it
+#     go, for a holder of each kind it waits for (a POSIX record lock taken
+#     with lockf, and a flock(2) lock): the holder releases, then watches
+#     /proc/locks until the waiter holds both its locks; median, 99th
+#     percentile and maximum.
 # Usage: bench/run_vs_flock.sh [QMLOCK] [RUNS] [TRIALS]
-#        (defaults: build/bin/qmlock, 300 runs each, 40 waiter trials)
+#        (defaults: build/bin/qmlock, 300 runs each, 100 waiter trials a kind)
 set -euo pipefail
 qmlock=$(realpath "${1:-build/bin/qmlock}")
 runs=${2:-300}
-trials=${3:-40}
+trials=${3:-100}
 command -v flock >/dev/null || { echo "flock(1) is missing: run .ci/deps" >&2; exit 1; }
 [ -x "$qmlock" ] || { echo "no qmlock at $qmlock" >&2; exit 1; }
+util=$(command -v flock)
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 file=$dir/bench.lock
+ln -s "$qmlock" "$dir/flock"
 
 # Microseconds since the epoch, without running a program.
 now() { local t=${EPOCHREALTIME/[.,]/}; echo "$t"; }
 median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 
 "$qmlock" run -x "$file" true
-flock -x "$file" true
-: >"$dir/flock.us"
-: >"$dir/qmlock.us"
+"$util" -x "$file" true
+: >"$dir/util.us"
+: >"$dir/run.us"
+: >"$dir/personality.us"
 for ((i = 0; i < runs; i++)); do
-  a=$(now); flock -x "$file" true; b=$(now)
-  "$qmlock" run -x "$file" true; c=$(now)
-  echo $((b - a)) >>"$dir/flock.us"
-  echo $((c - b)) >>"$dir/qmlock.us"
+  a=$(now); "$util" -x "$file" true
+  b=$(now); "$qmlock" run -x "$file" true
+  c=$(now); "$dir/flock" -x "$file" true
+  d=$(now)
+  echo $((b - a)) >>"$dir/util.us"
+  echo $((c - b)) >>"$dir/run.us"
+  echo $((d - c)) >>"$dir/personality.us"
 done
-f=$(median <"$dir/flock.us")
-q=$(median <"$dir/qmlock.us")
-awk -v f="$f" -v q="$q" -v n="$runs" 'BEGIN {
-  print "cost per run, median of " n " alternating runs:"
-  printf "  flock -x FILE true        %7.3f ms\n", f / 1000
-  printf "  qmlock run -x FILE true   %7.3f ms\n", q / 1000
-  printf "  ratio qmlock/flock        %7.3f\n", q / f
+u=$(median <"$dir/util.us")
+r=$(median <"$dir/run.us")
+p=$(median <"$dir/personality.us")
+awk -v u="$u" -v r="$r" -v p="$p" -v n="$runs" 'BEGIN {
+  print "cost per run, median of " n " runs each, in turn:"
+  printf "  util-linux flock -x FILE true   %7.3f ms\n", u / 1000
+  printf "  qmlock run -x FILE true         %7.3f ms   ratio to flock(1) %6.3f\n", r / 1000, r / u
+  printf "  qmlock as flock -x FILE true    %7.3f ms   ratio to flock(1) %6.3f\n", p / 1000, p / u
 }'
 
 python3 - "$qmlock" "$file" "$trials" <<'EOF'
-import fcntl, os, random, statistics, struct, subprocess, sys, time
+import fcntl, os, random, statistics, subprocess, sys, time
 
 qmlock, path, trials = sys.argv[1], sys.argv[2], int(sys.argv[3])
-FMT = "hhqqih"  # struct flock on Linux x86-64: type, whence, start, len, pid
+inode = ":%d " % os.stat(path).st_ino
 
-def holder_pid(fd):
-    """The PID of the process holding a lock that conflicts with a write lock, or 0."""
-    got = fcntl.fcntl(fd, fcntl.F_GETLK, struct.pack(FMT, fcntl.F_WRLCK, 0, 0, 0, 0, 0))
-    kind, _, _, _, pid, _ = struct.unpack(FMT, got)
-    return 0 if kind == fcntl.F_UNLCK else pid
+def waiter_holds(pid):
+    """Whether /proc/locks shows pid's flock(2) lock and an OFD lock on the file, granted."""
+    flock = ofd = False
+    with open("/proc/locks") as table:
+        for line in table:
+            if inode not in line or "->" in line:
+                continue
+            fields = line.split()
+            flock |= fields[1] == "FLOCK" and fields[4] == str(pid)
+            ofd |= fields[1] == "OFDLCK"
+    return flock and ofd
+
+def someone_waits():
+    with open("/proc/locks") as table:
+        return any("->" in line and inode in line for line in table)
 
 fd = os.open(path, os.O_RDWR | os.O_CREAT, 0o644)
-latencies = []
-for _ in range(trials):
-    fcntl.lockf(fd, fcntl.LOCK_EX)
-    waiter = subprocess.Popen([qmlock, "run", "-w", "10", path, "sleep", "0.2"])
-    time.sleep(random.uniform(0.05, 0.25))  # the waiter is retrying by now
-    fcntl.lockf(fd, fcntl.LOCK_UN)
-    released = time.perf_counter()
-    while holder_pid(fd) != waiter.pid:  # yielding, so the waiter can run here too
-        os.sched_yield()
-        if time.perf_counter() - released > 5:
-            sys.exit("the waiter never got the lock")
-    latencies.append((time.perf_counter() - released) * 1000)
-    if waiter.wait() != 0:
-        sys.exit("the waiter failed")
-latencies.sort()
-print(f"--wait waiter, lock seen held by it after the release, {trials} trials:")
-print(f"  median {statistics.median(latencies):.3f} ms, "
-      f"90th percentile {latencies[int(0.9 * (len(latencies) - 1))]:.3f} ms, "
-      f"max {latencies[-1]:.3f} ms")
+for kind, take, give in (
+        ("lockf (POSIX record lock)", lambda: fcntl.lockf(fd, fcntl.LOCK_EX),
+         lambda: fcntl.lockf(fd, fcntl.LOCK_UN)),
+        ("flock(2), as util-linux flock(1)", lambda: fcntl.flock(fd, fcntl.LOCK_EX),
+         lambda: fcntl.flock(fd, fcntl.LOCK_UN))):
+    latencies = []
+    for _ in range(trials):
+        take()
+        waiter = subprocess.Popen([qmlock, "run", "-w", "10", path, "sleep", "0.1"])
+        while not someone_waits():
+            time.sleep(0.001)
+        time.sleep(random.uniform(0.005, 0.02))  # asleep in the kernel by now
+        give()
+        released = time.perf_counter()
+        while not waiter_holds(waiter.pid):
+            if waiter.poll() is not None:
+                sys.exit("the waiter ended before it was seen holding the lock")
+            if time.perf_counter() - released > 5:
+                sys.exit("the waiter never got the lock")
+        latencies.append((time.perf_counter() - released) * 1000)
+        if waiter.wait() != 0:
+            sys.exit("the waiter failed")
+    latencies.sort()
+    p99 = latencies[min(len(latencies) - 1, int(0.99 * len(latencies)))]
+    print(f"waiting qmlock run, holder {kind}, lock held by the waiter after the release, "
+          f"{trials} trials:")
+    print(f"  median {statistics.median(latencies):.3f} ms, 99th percentile {p99:.3f} ms, "
+          f"max {latencies[-1]:.3f} ms")
 EOF

@@ -4,7 +4,8 @@
 #   include/qmelm/        the public C headers, and qmhost/qmhost.h and the
 #                         C++ API qmhost/qmelm.hpp (-I<prefix>/include/qmelm)
 #   bin/qmlock, libexec/qmelm/flock (qmlock under the name flock(1); put that
-#             directory first on PATH to have scripts use it)
+#             directory first on PATH to have scripts use it),
+#   share/man/man1/qmlock.1
 #   lib/cmake/qmelm/      the CMake package: find_package(qmelm) gives the
 #                         imported targets qmelm::qmhost, qmelm::qmelm,
 #                         qmelm::qmhostcm and qmelm::headers
@@ -19,6 +20,7 @@ set(QMELM_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/qmelm)
 
 install(TARGETS qmhost qmhostcm qmelm qmioe LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS qmlock RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/tools/qmlock/qmlock.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 file(RELATIVE_PATH _qmelm_bin_to_lib /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
 set_target_properties(qmlock PROPERTIES INSTALL_RPATH "$ORIGIN/${_qmelm_bin_to_lib}")
 
