@@ -231,32 +231,33 @@ IORecord *retiredRecordOf(NodeState *node) {
   return nullptr;
 }
 
-// Where ioPrepareFork stopped taking an extension's record mutexes: the
-// record whose get the host refused (it and those after it are not held by
-// the forking thread). Only the forking thread touches the table, from the
-// prepare handler to the parent's or the child's, with the process's
-// registry of lock managers held throughout. A get is refused only to a
-// thread that holds the mutex itself, which the forking thread never does
-// for a record (the lock manager calls nothing that could fork while it
-// holds one), so the table only guards against a failing host.
-struct ForkStop {
-  const QMELMExtension *ext;
-  QMELMIOInfop at;
-};
-constexpr std::size_t kForkStops = 16;
-ForkStop forkStops[kForkStops];
-std::size_t forkStopCount = 0;
+// The extensions whose record mutexes ioPrepareFork could not take (the
+// host refused a get): the forking thread holds none of them. Only the
+// forking thread touches the table, from the prepare handler to the
+// parent's or the child's, with the process's registry of lock managers
+// held throughout. A get is refused only to a thread that holds the mutex
+// itself, which the forking thread never does for a record (the lock
+// manager calls nothing that could fork while it holds one), so the table
+// only guards against a failing host.
+constexpr std::size_t kForkRefusals = 16;
+const QMELMExtension *forkRefused[kForkRefusals];
+std::size_t forkRefusedCount = 0;
 
-// The first record of ext whose mutex the forking thread does not hold
-// (null: it holds them all), forgetting it.
-QMELMIOInfop takeForkStop(const QMELMExtension *ext) {
-  for (std::size_t i = 0; i < forkStopCount; ++i) {
-    if (forkStops[i].ext != ext) continue;
-    const QMELMIOInfop at = forkStops[i].at;
-    forkStops[i] = forkStops[--forkStopCount];
-    return at;
+// Whether the forking thread holds ext's record mutexes (forgetting a
+// refusal of ext).
+bool forkTookRecords(const QMELMExtension *ext) {
+  for (std::size_t i = 0; i < forkRefusedCount; ++i) {
+    if (forkRefused[i] != ext) continue;
+    forkRefused[i] = forkRefused[--forkRefusedCount];
+    return false;
   }
-  return nullptr;
+  return true;
+}
+
+// Gives back the record mutexes of ext's list before `end`, except pinned.
+void releaseRecords(QMELMExtension *ext, QMELMIOInfop end, QMELMIOInfop pinned) {
+  for (QMELMIOInfop r = ext->IOInfo; r != end; r = r->next)
+    if (r != pinned) (void)r->mutex->release(r->mutex);
 }
 
 }  // namespace
@@ -290,17 +291,32 @@ void detachIORecords(QMELMExtension *ext, NodeState *node, QMJnlh jnl) noexcept 
   while (retired != nullptr) freeRecord(ext, std::exchange(retired, retired->nodeNext), jnl);
 }
 
+// Records have no order among themselves (a reused one moves to the head
+// of the list), so the forking thread never waits for one while it holds
+// another: it tries each in turn without waiting. A record that another
+// thread holds (an update or a close, both short and waiting for nothing
+// while they hold it) makes it give back those it has, wait for that one
+// alone, and sweep again, keeping it.
 void ioPrepareFork(QMELMExtension *ext) noexcept {
-  for (QMELMIOInfop r = ext->IOInfo; r != nullptr; r = r->next) {
-    if (r->mutex->get(r->mutex, 1, 1) == 0) continue;
-    if (forkStopCount < kForkStops) forkStops[forkStopCount++] = {ext, r};
-    return;
+  QMELMIOInfop pinned = nullptr;  // taken with a wait, while holding no other
+  for (;;) {
+    QMELMIOInfop busy = ext->IOInfo;
+    for (; busy != nullptr; busy = busy->next)
+      if (busy != pinned && busy->mutex->get(busy->mutex, 1, 0) != 0) break;
+    if (busy == nullptr) return;
+    releaseRecords(ext, busy, pinned);
+    if (pinned != nullptr) (void)pinned->mutex->release(pinned->mutex);
+    pinned = nullptr;
+    if (busy->mutex->get(busy->mutex, 1, 1) != 0) {
+      if (forkRefusedCount < kForkRefusals) forkRefused[forkRefusedCount++] = ext;
+      return;
+    }
+    pinned = busy;
   }
 }
 
 void ioParentAfterFork(QMELMExtension *ext) noexcept {
-  const QMELMIOInfop stop = takeForkStop(ext);
-  for (QMELMIOInfop r = ext->IOInfo; r != stop; r = r->next) (void)r->mutex->release(r->mutex);
+  if (forkTookRecords(ext)) releaseRecords(ext, nullptr, nullptr);
 }
 
 // The child's only thread holds the records' mutexes (taken before the fork),
@@ -312,7 +328,7 @@ void ioParentAfterFork(QMELMExtension *ext) noexcept {
 // instead of being used unlocked. Records off the list belong to nodes made
 // before the fork, which the child never uses.
 void ioChildAfterFork(QMELMExtension *ext) noexcept {
-  (void)takeForkStop(ext);
+  (void)forkTookRecords(ext);
   static constexpr QMLockCreateParms kParms{};
   QMHndlp h = ext->Common.hndl;
   for (QMELMIOInfop r = ext->IOInfo; r != nullptr; r = r->next)

@@ -152,12 +152,13 @@ void detachIORecords(QMELMExtension *ext, NodeState *node, QMJnlh jnl) noexcept;
 
 // fork() and the I/O records of one extension. Prepare is called with ext's
 // IOInfoMutex held by the forking thread (and only when it was granted): it
-// takes the mutex of every record on ext's list, in list order, stopping at
-// one the host refuses. Then exactly one of the others, still under
-// IOInfoMutex: in the parent, the record mutexes prepare took are given
-// back; in the child, every record on the list gets a new mutex (the old
-// one is left to the host), so that update, reset and locked queries work
-// there. Record mutexes come after IOInfoMutex in the lock order.
+// takes the mutex of every record on ext's list, never waiting for one while
+// it holds another (when the host refuses one, it holds none of them). Then
+// exactly one of the others, still under IOInfoMutex: in the parent, the
+// record mutexes prepare took are given back; in the child, every record on
+// the list gets a new mutex (the old one is left to the host), so that
+// update, reset and locked queries work there. Record mutexes come after
+// IOInfoMutex in the lock order.
 void ioPrepareFork(QMELMExtension *ext) noexcept;
 void ioParentAfterFork(QMELMExtension *ext) noexcept;
 void ioChildAfterFork(QMELMExtension *ext) noexcept;
