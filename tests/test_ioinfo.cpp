@@ -133,11 +133,11 @@ TEST(IOInfo, UpdateChecksItsHandleAndEveryEntryItsExtension) {
   QMELMGetIOInfoParms g{};
   QMELMListIOInfoParms l{};
   QMELMJnlIOInfoParms jp{};
-  EXPECT_STATUS(QMELM_E_NULL_PARMS, host.fn().ResetIOInfo(nullptr, &rp, nullptr));
-  EXPECT_STATUS(QMELM_E_NULL_PARMS, host.fn().GetIOInfo(nullptr, &q, &g, nullptr));
-  EXPECT_STATUS(QMELM_E_NULL_PARMS, host.fn().ListIOInfo(nullptr, &q, &l, nullptr));
-  EXPECT_STATUS(QMELM_E_NULL_PARMS, host.fn().ListIOInfoFree(nullptr, &l, nullptr));
-  EXPECT_STATUS(QMELM_E_NULL_PARMS, host.fn().JnlIOInfo(nullptr, &jp, host.jnl));
+  EXPECT_STATUS(QMELM_E_NULL_EXTENSION, host.fn().ResetIOInfo(nullptr, &rp, nullptr));
+  EXPECT_STATUS(QMELM_E_NULL_EXTENSION, host.fn().GetIOInfo(nullptr, &q, &g, nullptr));
+  EXPECT_STATUS(QMELM_E_NULL_EXTENSION, host.fn().ListIOInfo(nullptr, &q, &l, nullptr));
+  EXPECT_STATUS(QMELM_E_NULL_EXTENSION, host.fn().ListIOInfoFree(nullptr, &l, nullptr));
+  EXPECT_STATUS(QMELM_E_NULL_EXTENSION, host.fn().JnlIOInfo(nullptr, &jp, host.jnl));
   EXPECT_EQ(g.numEntries + l.numEntries, 0u);
 
   const pid_t pid = fork();

@@ -404,3 +404,41 @@ TEST(LockEdges, AStuckJournalNeverHoldsUpAnotherRequest) {
   close(p[0]);
   if (!answered) other.wait();
 }
+
+// The lock order is checked by the machine: a seeded inversion, an
+// OptionMutex taken beside another, and a function entered without the
+// mutex it requires each abort the process, naming the mutexes.
+TEST(LockOrder, InversionsAndMissingHoldsAbort) {
+  if (!QMELM_CHECK_LOCK_ORDER) GTEST_SKIP() << "the lock order is checked in non-Release builds";
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  using namespace xvelm::detail;
+  TestHost host;
+  TempDir dir;
+  LockRequest r(dir.file("f"));
+  int rc = 0;
+  QMELMLHndlp h = host.lock(r, X | EX, &rc);
+  ASSERT_NE(h, nullptr);
+  QMELMResLock &node = nodeOf(h).CommonLock;
+  EXPECT_DEATH(
+      {
+        MutexGuard nm(node.NodeMutex, Rank::Node);
+        MutexGuard list(host.ext->ListMutex, Rank::List);
+      },
+      "lock order violated: taking, while holding, ListMutex / NodeMutex");
+  EXPECT_DEATH(
+      {
+        MutexGuard list(host.ext->ListMutex, Rank::List);
+        MutexGuard options(host.ext->OptionMutex, Rank::Option);
+      },
+      "OptionMutex");
+  EXPECT_DEATH(xvelmLockGetExternal(h, r.get(), nullptr), "required, not held: NodeMutex");
+  {
+    // The order kept: nothing happens.
+    MutexGuard list(host.ext->ListMutex, Rank::List);
+    MutexGuard del(node.NodeDeleteMutex, Rank::NodeDelete, LockMode::Shared);
+    list.unlock();
+    MutexGuard nm(node.NodeMutex, Rank::Node);
+    lockOrderRequire(Rank::Node);
+  }
+  EXPECT_EQ(host.release(h), 0);
+}

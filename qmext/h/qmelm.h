@@ -711,7 +711,7 @@ QM_EXPORT int qmelmupdateioinfo(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh jn
  *        last holder releases it.
  * @param[in] parms Not read (may be null).
  * @param[in] jnl   A null ext is journaled to it, or null.
- * @return 0; QMELM_E_NULL_PARMS (ext null); or the status of the list's
+ * @return 0; QMELM_E_NULL_EXTENSION (ext null); or the status of the list's
  *         mutex.
  * Threads: the only I/O call that waits for others: once the closed records
  * are off the list, and holding no mutex, it waits until every JnlIOInfo and
@@ -729,7 +729,7 @@ QM_EXPORT int qmelmresetioinfo(QMELMExtensionp ext, QMELMResetIOInfoParms *parms
  * @param[in,out] result numEntries and totals are added to, never reset: the
  *                       caller zeroes them first.
  * @return 0 (also, touching nothing, when there is no record at all);
- *         QMELM_E_NULL_PARMS (ext, query or result null); qmioe's status when the
+ *         QMELM_E_NULL_EXTENSION (ext null); QMELM_E_NULL_PARMS (query or result null); qmioe's status when the
  *         path cannot be resolved (QM_E_UNMAPPABLE for a character
  *         enc_pathname cannot hold, QM_E_BAD_PATH, ...), with nothing added;
  *         or the status of giving the resolved path back, after the totals
@@ -763,8 +763,8 @@ QM_EXPORT int qmelmlistioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
  * @brief ListIOInfoFree: gives toBeFreed->list back to the extension's pool;
  *        list and numEntries keep their values. A null list is nothing to free.
  * @return 0; the pool's status (QM_E_BAD_FREE for an array given back
- *         twice); or QMELM_E_NULL_PARMS (journaled) for a null ext or
- *         toBeFreed.
+ *         twice); or QMELM_E_NULL_EXTENSION (null ext) or QMELM_E_NULL_PARMS
+ *         (null toBeFreed), journaled.
  */
 QM_EXPORT int qmelmlistioinfofree(QMELMExtensionp ext, QMELMListIOInfoParms *toBeFreed,
                                   QMJnlh jnl) QM_NOEXCEPT;
@@ -781,8 +781,9 @@ QM_EXPORT int qmelmlistioinfofree(QMELMExtensionp ext, QMELMListIOInfoParms *toB
  *                      host owns it).
  * @param[in]     jnl   The journal to write to (required).
  * @return The status of the last journal call (0 when all went well);
- *         QMELM_E_NO_JOURNAL for a null jnl, or QMELM_E_NULL_PARMS
- *         (journaled) for a null ext or parms, with nothing written.
+ *         QMELM_E_NO_JOURNAL for a null jnl, or QMELM_E_NULL_EXTENSION (null
+ *         ext) or QMELM_E_NULL_PARMS (null parms), journaled, with nothing
+ *         written.
  * Threads: no mutex is taken: it runs while other threads hold the list or a
  * record, and may show a record mid-update; records are never freed under it.
  */

@@ -95,7 +95,7 @@ int xvelmAddOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) 
   }
   if (QMStatus rc = resolved.giveBack(); rc != 0) return rc;
 
-  MutexGuard guard(ext->OptionMutex);
+  MutexGuard guard(ext->OptionMutex, Rank::Option);
   if (!guard) return journaled(jnl, guard.status());
 
   // An entry with the same key only takes the new option. Its path text stays

@@ -53,6 +53,42 @@ inline constexpr QMMemSize kDefinedLockTypeBits =
     QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;
 static_assert(kDefinedLockTypeBits == 0x3ff);
 
+// ---- the lock order -----------------------------------------------------
+
+// Every mutex of the lock manager, outermost first. A thread takes them only
+// in increasing rank (never one of a rank it already holds, nor a lower
+// one), and OptionMutex only while it holds none of the others. Taking them
+// in this order everywhere is what keeps two threads from waiting for each
+// other. In debug and sanitizer builds (QMELM_CHECK_LOCK_ORDER) every guard
+// records its rank on a per-thread list and the process aborts, naming both
+// mutexes, on an inversion, on a release of a mutex the thread does not
+// hold, and where a function that requires a mutex is entered without it.
+// The fork handlers take every mutex of every rank at once; they bypass the
+// guards and keep the same order (see xvelmFork.cpp).
+enum class Rank : uint8_t {
+  Registry = 1,    // the process's registry of lock manager objects
+  List = 2,        // an object's ListMutex: LockList and the name index
+  NodeDelete = 3,  // a node's NodeDeleteMutex: its acquirers against its destruction
+  Node = 4,        // a node's NodeMutex: its counters, descriptors and type
+  FileTable = 5,   // a stripe of the process's file table
+  IOInfo = 6,      // an object's IOInfoMutex: the I/O list and the records' chains
+  Record = 7,      // an I/O record's own mutex: its counters and close time
+  Option = 8,      // an object's OptionMutex: the option table (taken alone)
+  HandleSet = 9,   // a bucket lock of the live-handle set (a leaf)
+};
+
+#if QMELM_CHECK_LOCK_ORDER
+void lockOrderTake(Rank r) noexcept;     // before a mutex of rank r is taken
+void lockOrderTaken(Rank r) noexcept;    // once it is held
+void lockOrderGive(Rank r) noexcept;     // when it is given back
+void lockOrderRequire(Rank r) noexcept;  // a function that needs it held
+#else
+inline void lockOrderTake(Rank) noexcept {}
+inline void lockOrderTaken(Rank) noexcept {}
+inline void lockOrderGive(Rank) noexcept {}
+inline void lockOrderRequire(Rank) noexcept {}
+#endif
+
 // ---- mutexes -------------------------------------------------------------
 
 enum class LockMode : int { Shared = 0, Exclusive = 1 };
@@ -64,11 +100,13 @@ enum class LockMode : int { Shared = 0, Exclusive = 1 };
 // section unlocked.
 class XVELM_TSA(scoped_lockable) MutexGuard {
  public:
-  explicit MutexGuard(QMLockh m, LockMode mode = LockMode::Exclusive)
+  MutexGuard(QMLockh m, Rank rank, LockMode mode = LockMode::Exclusive)
       XVELM_TSA(no_thread_safety_analysis)
-      : m_(m) {
+      : m_(m), rank_(rank) {
+    lockOrderTake(rank);
     status_ = m == nullptr ? QMELM_E_NO_MEMORY : m->get(m, static_cast<int>(mode), 1);
     held_ = status_ == 0;
+    if (held_) lockOrderTaken(rank);
   }
   ~MutexGuard() XVELM_TSA(no_thread_safety_analysis) { unlock(); }
   MutexGuard(const MutexGuard &) = delete;
@@ -76,6 +114,7 @@ class XVELM_TSA(scoped_lockable) MutexGuard {
   void unlock() XVELM_TSA(no_thread_safety_analysis) {
     if (held_) {
       held_ = false;
+      lockOrderGive(rank_);
       (void)m_->release(m_);
     }
   }
@@ -86,6 +125,7 @@ class XVELM_TSA(scoped_lockable) MutexGuard {
 
  private:
   QMLockh m_ = nullptr;
+  Rank rank_;
   QMStatus status_ = 0;
   bool held_ = false;
 };

@@ -48,7 +48,7 @@ int xvelmGetLockOptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms, QMJnlh
   JournalDeferral deferral;  // no journal write while a mutex is held
   if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
   if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
-  MutexGuard guard(ext->OptionMutex);
+  MutexGuard guard(ext->OptionMutex, Rank::Option);
   if (!guard) return journaled(jnl, guard.status());
   const QMStatus rc = copyTable(ext, parms);
   guard.unlock();

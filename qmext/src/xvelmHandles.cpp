@@ -27,9 +27,14 @@ std::size_t bucketOf(const void *h) {
 class StripeGuard {
  public:
   explicit StripeGuard(std::size_t bucket) : flag_(stripes[bucket % kStripes]) {
+    lockOrderTake(Rank::HandleSet);
     while (flag_.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
+    lockOrderTaken(Rank::HandleSet);
   }
-  ~StripeGuard() { flag_.clear(std::memory_order_release); }
+  ~StripeGuard() {
+    lockOrderGive(Rank::HandleSet);
+    flag_.clear(std::memory_order_release);
+  }
   StripeGuard(const StripeGuard &) = delete;
   StripeGuard &operator=(const StripeGuard &) = delete;
 

@@ -267,7 +267,7 @@ namespace xvelm::detail {
 void detachIORecords(QMELMExtension *ext, NodeState *node, QMJnlh jnl) noexcept {
   IORecord *retired = nullptr;
   {
-    MutexGuard io(ext->IOInfoMutex);
+    MutexGuard io(ext->IOInfoMutex, Rank::IOInfo);
     // Without the mutex the records stay as they are, in the pool until it
     // goes: a reset only compares an owner with null, never follows it.
     if (!io) return;
@@ -341,13 +341,13 @@ int xvelmCreateIOInfo(QMELMLHndlp lock, QMELMCreateIOInfoParms *parms, QMJnlh jn
   QMELMExtension *ext = lock->Private.ExtHndl;
   NodeState *node = nodeOf(lock);
   QMPoolh pool = ext->Pool;
-  MutexGuard io(ext->IOInfoMutex);
+  MutexGuard io(ext->IOInfoMutex, Rank::IOInfo);
   if (!io) return journaled(jnl, io.status());
 
   if (IORecord *rec = retiredRecordOf(node); rec != nullptr) {
     // Same node, same name: only the record's state is new.
     {
-      MutexGuard rm(rec->pub.mutex);
+      MutexGuard rm(rec->pub.mutex, Rank::Record);
       if (!rm) return journaled(jnl, rm.status());
       openRecord(rec->pub, parms);
     }
@@ -399,10 +399,10 @@ int xvelmCloseIOInfo(QMELMLHndlp lock, QMELMCloseIOInfoParms *parms, QMJnlh) noe
   if (n == nullptr) return 0;
   if (n->ext_exclusive + n->ext_nonexclusive + n->noexternal_lock == 0) {
     QMELMExtension *ext = lock->Private.ExtHndl;
-    MutexGuard io(ext->IOInfoMutex);
+    MutexGuard io(ext->IOInfoMutex, Rank::IOInfo);
     if (io) {
       for (IORecord *rec = nodeOf(n)->records; rec != nullptr; rec = rec->nodeNext) {
-        MutexGuard rm(rec->pub.mutex);
+        MutexGuard rm(rec->pub.mutex, Rank::Record);
         if (rm && rec->pub.closeTime < 0.0) poke(rec->pub.closeTime, parms->closeTime);
       }
       return 0;
@@ -412,7 +412,7 @@ int xvelmCloseIOInfo(QMELMLHndlp lock, QMELMCloseIOInfoParms *parms, QMJnlh) noe
   }
   QMELMIOInfop r = loadInfo(n);
   if (r == nullptr) return 0;
-  MutexGuard rm(r->mutex);
+  MutexGuard rm(r->mutex, Rank::Record);
   if (rm) poke(r->closeTime, parms->closeTime);
   return 0;
 }
@@ -427,7 +427,7 @@ int xvelmUpdateIOInfo(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh jnl) noexcep
   if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   QMELMIOInfop r = loadInfo(lock->Private.ResLock);
   if (r == nullptr) return 0;
-  MutexGuard rm(r->mutex);
+  MutexGuard rm(r->mutex, Rank::Record);
   if (!rm) return 0;  // a mutex the host refuses: the increment is lost, never torn
   poke(r->numBytesRead, addWrapping(r->numBytesRead, parms->bytesRead));
   poke(r->numBytesWritten, addWrapping(r->numBytesWritten, parms->bytesWritten));
@@ -444,14 +444,14 @@ int xvelmUpdateIOInfo(QMELMLHndlp lock, QMELMIOStats *parms, QMJnlh jnl) noexcep
 // records of destroyed nodes are freed and, under IOInfoMutex again, the
 // others are retired (or freed, when their node was destroyed meanwhile).
 int xvelmResetIOInfo(QMELMExtensionp ext, QMELMResetIOInfoParms *, QMJnlh jnl) noexcept {
-  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
+  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
   Collected off;
   {
-    MutexGuard io(ext->IOInfoMutex);
+    MutexGuard io(ext->IOInfoMutex, Rank::IOInfo);
     if (!io) return io.status();
     for (QMELMIOInfop r = ext->IOInfo; r != nullptr;) {
       IORecord *rec = recordOf(r);
-      MutexGuard rm(r->mutex);
+      MutexGuard rm(r->mutex, Rank::Record);
       QMELMIOInfop next = r->next;
       if (!rm) {  // left as it is
         r = next;
@@ -474,7 +474,7 @@ int xvelmResetIOInfo(QMELMExtensionp ext, QMELMResetIOInfoParms *, QMJnlh jnl) n
     freeRecord(ext, std::exchange(rec, rec->nodeNext), nullptr);
   IORecord *retiring = off.takeRetiring();
   if (retiring == nullptr) return 0;
-  MutexGuard io(ext->IOInfoMutex);
+  MutexGuard io(ext->IOInfoMutex, Rank::IOInfo);
   // Without the mutex the records stay off the list, unretired: never used
   // again, freed with the pool.
   if (!io) return io.status();
@@ -560,7 +560,7 @@ QMStatus selectRecords(QMELMExtension *ext, const QMELMQueryIOInfoParms &q, QMJn
   std::optional<MutexGuard> listLock;
   std::optional<ReadingSection> reading;
   if (locking) {
-    if (const MutexGuard &io = listLock.emplace(ext->IOInfoMutex); !io)
+    if (const MutexGuard &io = listLock.emplace(ext->IOInfoMutex, Rank::IOInfo); !io)
       return journaled(jnl, io.status());
   } else {
     reading.emplace();
@@ -578,7 +578,7 @@ QMStatus selectRecords(QMELMExtension *ext, const QMELMQueryIOInfoParms &q, QMJn
       visit(*r);
       continue;
     }
-    MutexGuard rm(r->mutex);
+    MutexGuard rm(r->mutex, Rank::Record);
     if (!rm) {
       refused = rm.status();
       break;
@@ -595,8 +595,8 @@ QMStatus selectRecords(QMELMExtension *ext, const QMELMQueryIOInfoParms &q, QMJn
 
 int xvelmGetIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMGetIOInfoParms *result,
                    QMJnlh jnl) noexcept {
-  if (ext == nullptr || query == nullptr || result == nullptr)
-    return journaled(jnl, QMELM_E_NULL_PARMS);
+  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
+  if (query == nullptr || result == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   return selectRecords(
       ext, *query, jnl, [](QMMemSize) -> QMStatus { return 0; },
       [result](const QMELMIOInfo &r) {
@@ -607,8 +607,8 @@ int xvelmGetIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMGetIO
 
 int xvelmListIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMListIOInfoParms *result,
                     QMJnlh jnl) noexcept {
-  if (ext == nullptr || query == nullptr || result == nullptr)
-    return journaled(jnl, QMELM_E_NULL_PARMS);
+  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
+  if (query == nullptr || result == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   QMMemSize filled = 0;
   auto allocate = [ext, result](QMMemSize bound) -> QMStatus {
     // One entry per record on the list (at least one block, so that an
@@ -634,7 +634,8 @@ int xvelmListIOInfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query, QMELMList
 }
 
 int xvelmListIOInfoFree(QMELMExtensionp ext, QMELMListIOInfoParms *toBeFreed, QMJnlh jnl) noexcept {
-  if (ext == nullptr || toBeFreed == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
+  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
+  if (toBeFreed == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   // A list that was never handed out (the query found no records) is nothing
   // to give back. list and numEntries keep their values either way.
   if (toBeFreed->list == nullptr) return 0;
@@ -727,7 +728,8 @@ QMStatus reportRecord(const QMELMExtension *ext, QMELMJnlIOInfoParms *parms, con
 // being freed under it.
 int xvelmJnlIOInfo(QMELMExtensionp ext, QMELMJnlIOInfoParms *parms, QMJnlh jnl) noexcept {
   if (jnl == nullptr) return QMELM_E_NO_JOURNAL;
-  if (ext == nullptr || parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
+  if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
+  if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
   ReadingSection reading;
   const QMMemSize count = peek(ext->numIOInfo);
   QMStatus rc = qmlStatusToJnl(jnl, QMSeverityNote, QMELM_M_IOINFO_HEADER,

@@ -150,9 +150,12 @@ uint32_t forkGeneration() noexcept {
 TableLock::TableLock(dev_t dev, ino_t ino) noexcept {
   (void)pthread_once(&stripesOnce, initStripes);
   m_ = &stripeOf(bucketOf(dev, ino));
+  lockOrderTake(Rank::FileTable);
   pthread_mutex_lock(m_);
+  lockOrderTaken(Rank::FileTable);
 }
 TableLock::~TableLock() {
+  lockOrderGive(Rank::FileTable);
   pthread_mutex_unlock(m_);
 }
 

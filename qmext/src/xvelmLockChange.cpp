@@ -311,7 +311,7 @@ QMStatus Change::run(QMMemSize W) noexcept {
   if (changeNotAllowed(O, W)) return reportTypes(QMELM_E_CHANGE_NOT_ALLOWED, O, W);
   const QMMemSize T = composeType(O, W);
 
-  MutexGuard nm(res().NodeMutex);
+  MutexGuard nm(res().NodeMutex, Rank::Node);
   if (!nm) return journaled(jnl_, nm.status());
   if (isDead(&res())) return journaled(jnl_, QMELM_E_DEAD_NODE);
 

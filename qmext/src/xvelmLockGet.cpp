@@ -65,9 +65,9 @@ class DeadNodes {
 void destroyNode(QMELMExtension *ext, NodeState *node, QMJnlh jnl) noexcept {
   const QMLockh delMutex = node->pub.CommonLock.NodeDeleteMutex;
   const QMLockh nodeMutex = node->pub.CommonLock.NodeMutex;
-  MutexGuard del(delMutex);
+  MutexGuard del(delMutex, Rank::NodeDelete);
   if (!del) return;
-  MutexGuard nm(nodeMutex);
+  MutexGuard nm(nodeMutex, Rank::Node);
   if (!nm) return;
   if (!forgetNode(node)) return;
   for (XVELMFileDescriptorp d = node->link.deferred; d != nullptr;) {
@@ -404,7 +404,7 @@ QMStatus Acquisition::acquireOnNew(std::optional<MutexGuard> &list) noexcept {
   indexInsert(stateOf(ext_), n);
   indexGrow(ext_, jnl_);
 
-  MutexGuard nm(f.CommonLock.NodeMutex);
+  MutexGuard nm(f.CommonLock.NodeMutex, Rank::Node);
   if (!nm) {
     // Nobody can have entered a node whose mutex we could not take.
     markDead(&f.CommonLock);
@@ -444,22 +444,22 @@ QMStatus Acquisition::run(QMMemSize resType, QMMemSize lockType, DeadNodes &dead
   statName();
 
   hash_ = nameHash(narrow_.get(), nn_.len, parms_->FilenameLen);
-  std::optional<MutexGuard> list(std::in_place, ext_->ListMutex);
+  std::optional<MutexGuard> list(std::in_place, ext_->ListMutex, Rank::List);
   for (;;) {
     if (!*list) return fail(list->status());
     collectDead(ext_, dead);
     NodeState *node = findNode(ext_, narrow_.get(), nn_, parms_->FilenameLen, hash_);
     if (node == nullptr) return acquireOnNew(list);
-    MutexGuard del(node->pub.CommonLock.NodeDeleteMutex, LockMode::Shared);
+    MutexGuard del(node->pub.CommonLock.NodeDeleteMutex, Rank::NodeDelete, LockMode::Shared);
     if (!del) return fail(del.status());
     list.reset();
-    MutexGuard nm(node->pub.CommonLock.NodeMutex);
+    MutexGuard nm(node->pub.CommonLock.NodeMutex, Rank::Node);
     if (!nm) return fail(nm.status());
     if (!isDead(&node->pub.CommonLock)) return acquireOnExisting(node);
     // Its last holder left while we waited: start again.
     nm.unlock();
     del.unlock();
-    list.emplace(ext_->ListMutex);
+    list.emplace(ext_->ListMutex, Rank::List);
   }
 }
 

@@ -190,6 +190,7 @@ QMStatus External::truncateFailed(XVELMFileDescriptorp d, bool firstHolder, int 
 }  // namespace
 
 int xvelmLockGetExternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
+  lockOrderRequire(Rank::Node);
   XVELMLHndl *h = fileHandleOf(lock);
   const External x{lock,
                    h,

@@ -35,6 +35,7 @@ bool mixesSharing(QMMemSize N, QMMemSize R) {
 }  // namespace
 
 int xvelmLockGetInternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
+  lockOrderRequire(Rank::Node);
   QMELMResLock &node = nodeOf(lock)->pub.CommonLock;
   const QMMemSize R = lock->Private.LockType;
   const QMMemSize N = node.LockType;

@@ -73,7 +73,7 @@ int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept 
   QMELMResLock &n = f.CommonLock;
   QMStatus result = 0;
   {
-    MutexGuard nm(n.NodeMutex);
+    MutexGuard nm(n.NodeMutex, Rank::Node);
     if (!nm) {
       registerHandle(handleBlockOf(lock));  // still the caller's, untouched
       return journaled(jnl, nm.status());
@@ -129,6 +129,7 @@ int xvelmLockRelease(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept 
 }
 
 int xvelmCloseFile(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
+  lockOrderRequire(Rank::Node);
   QMELMExtension *ext = fileHandleOf(lock)->ExtensionHndl;
   NodeState *node = nodeOf(lock);
   XVELMFileLock &f = node->pub;

@@ -85,7 +85,7 @@ int xvelmMatchOption(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh j
   const QMChar *f = full.get();
   parms->fullpath = full.release();
 
-  MutexGuard guard(ext->OptionMutex);
+  MutexGuard guard(ext->OptionMutex, Rank::Option);
   if (!guard) return journaled(jnl, guard.status());
   const Governing g = governingEntry(ext, f, flen);
   parms->option = g.option;

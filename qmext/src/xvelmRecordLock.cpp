@@ -127,6 +127,7 @@ void park(NodeState *node, XVELMFileDescriptorp d) noexcept {
 
 Opening openDescriptor(QMELMExtension *ext, NodeState *node, uint32_t flags,
                        uint32_t mode) noexcept {
+  lockOrderRequire(Rank::Node);
   Opening o{Opening::Outcome::Failed};
   auto *rec = static_cast<XVELMFileDescriptorp>(
       ext->Pool->memAlloc(ext->Pool, sizeof(XVELMFileDescriptor), QM_POOL_ZERO_FILL));
@@ -196,6 +197,7 @@ bool nameLeadsToNode(const NodeState *node, const NameLookup &name) noexcept {
 }
 
 RecordLockResult setRecordLock(NodeState *node, Need want, int fd) noexcept {
+  lockOrderRequire(Rank::Node);
   RecordLockResult r{RecordLockResult::Outcome::Granted};
   FileLink &l = node->link;
   Need before = Need::None;

@@ -85,7 +85,7 @@ int xvelmRemoveOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jn
   bool removed = false;
   bool empty = false;
   {
-    MutexGuard guard(ext->OptionMutex);
+    MutexGuard guard(ext->OptionMutex, Rank::Option);
     if (!guard) return journaled(jnl, guard.status());
     removed = removeEntries(ext, full.data(), full.size(), jnl, &result);
     empty = ext->NumOptions == 0;
