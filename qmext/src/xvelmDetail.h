@@ -70,11 +70,12 @@ enum class Rank : uint8_t {
   List = 2,        // an object's ListMutex: LockList and the name index
   NodeDelete = 3,  // a node's NodeDeleteMutex: its acquirers against its destruction
   Node = 4,        // a node's NodeMutex: its counters, descriptors and type
-  FileTable = 5,   // a stripe of the process's file table
-  IOInfo = 6,      // an object's IOInfoMutex: the I/O list and the records' chains
-  Record = 7,      // an I/O record's own mutex: its counters and close time
-  Option = 8,      // an object's OptionMutex: the option table (taken alone)
-  HandleSet = 9,   // a bucket lock of the live-handle set (a leaf)
+  FileTable = 5,    // a file's turn in the process's file table
+  TableStripe = 6,  // a stripe of the file table (table reads and writes only)
+  IOInfo = 7,       // an object's IOInfoMutex: the I/O list and the records' chains
+  Record = 8,       // an I/O record's own mutex: its counters and close time
+  Option = 9,       // an object's OptionMutex: the option table (taken alone)
+  HandleSet = 10,   // a bucket lock of the live-handle set (a leaf)
 };
 
 #if QMELM_CHECK_LOCK_ORDER

@@ -1,8 +1,10 @@
 /*
  * xvelmIdentity - the process-wide file table (see xvelmIdentity.h). Its
  * buckets are static and its links live in the nodes, so recording a file
- * allocates nothing and cannot fail. Takes the table's stripes (after
- * NodeMutex in the lock order); the fork unit takes them all around fork().
+ * allocates nothing and cannot fail. A file's turn (after NodeMutex in the
+ * lock order) serialises what is done to one file; the stripes' mutexes are
+ * held only for table reads and writes, never across a system call. The
+ * fork unit takes every stripe around fork().
  */
 #include "xvelmIdentity.h"
 
@@ -10,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "xvelmLock.h"
 
@@ -32,11 +35,24 @@ constexpr std::size_t kStripes = 256;
 constexpr std::size_t kStripes = 256;
 #endif
 
-pthread_mutex_t stripes[kStripes];
+// A stripe: its mutex guards its buckets' chains and every field of the
+// links in them, and the turns under way on files of its buckets. Nothing
+// but reads and writes of these is done while the mutex is held.
+constexpr std::size_t kTurnSlots = 8;
+struct Stripe {
+  pthread_mutex_t mutex;
+  pthread_cond_t turnEnded;  // a turn of one of its files ended
+  struct Turn {
+    dev_t dev;
+    ino_t ino;
+    bool used;
+  } turns[kTurnSlots];
+};
+
+Stripe stripes[kStripes];
 pthread_once_t stripesOnce = PTHREAD_ONCE_INIT;
 FileLink *table[kBuckets];
 uint32_t generation = 1;  // bumped in the child of a fork
-
 
 std::size_t bucketOf(dev_t dev, ino_t ino) {
   uint64_t v = static_cast<uint64_t>(ino) * 0x9E3779B97F4A7C15ull ^ static_cast<uint64_t>(dev);
@@ -44,19 +60,46 @@ std::size_t bucketOf(dev_t dev, ino_t ino) {
   return static_cast<std::size_t>(v % kBuckets);
 }
 
-pthread_mutex_t &stripeOf(std::size_t bucket) {
+Stripe &stripeOf(std::size_t bucket) {
   return stripes[bucket % kStripes];
+}
+Stripe &stripeOf(dev_t dev, ino_t ino) {
+  return stripeOf(bucketOf(dev, ino));
 }
 
 void initStripes() {
-  for (pthread_mutex_t &m : stripes) pthread_mutex_init(&m, nullptr);
+  for (Stripe &s : stripes) {
+    pthread_mutex_init(&s.mutex, nullptr);
+    pthread_cond_init(&s.turnEnded, nullptr);
+  }
 }
+
+// Holds a stripe's mutex for a few reads and writes of the table.
+class StripeHold {
+ public:
+  explicit StripeHold(Stripe &s) noexcept : s_(s) {
+    lockOrderTake(Rank::TableStripe);
+    pthread_mutex_lock(&s_.mutex);
+    lockOrderTaken(Rank::TableStripe);
+  }
+  explicit StripeHold(const FileLink &l) noexcept : StripeHold(stripeOf(l.dev, l.ino)) {}
+  ~StripeHold() {
+    lockOrderGive(Rank::TableStripe);
+    pthread_mutex_unlock(&s_.mutex);
+  }
+  StripeHold(const StripeHold &) = delete;
+  StripeHold &operator=(const StripeHold &) = delete;
+
+ private:
+  Stripe &s_;
+};
 
 bool sameFile(const FileLink &l, dev_t dev, ino_t ino) {
   return l.dev == dev && l.ino == ino;
 }
 
-// The strongest need of the file's nodes, the given link left out.
+// The strongest need of the file's nodes, the given link left out (stripe
+// held).
 Need othersNeed(const FileLink &self) {
   Need n = Need::None;
   for (const FileLink *l = table[bucketOf(self.dev, self.ino)]; l != nullptr; l = l->next)
@@ -64,6 +107,7 @@ Need othersNeed(const FileLink &self) {
   return n;
 }
 
+// The strongest need of the file's nodes (stripe held).
 Need fileNeed(dev_t dev, ino_t ino) {
   Need n = Need::None;
   for (const FileLink *l = table[bucketOf(dev, ino)]; l != nullptr; l = l->next)
@@ -83,14 +127,11 @@ short lockTypeOf(Need n) {
   return F_UNLCK;
 }
 
-bool noRecordLocksHere(int err) {
-  return err == EOPNOTSUPP || err == EROFS || err == EINVAL;
-}
-
 NodeState *nodeOfLink(FileLink *l) {
   return reinterpret_cast<NodeState *>(reinterpret_cast<char *>(l) - offsetof(NodeState, link));
 }
 
+// Stripe held.
 void attach(FileLink &l) {
   FileLink *&head = table[bucketOf(l.dev, l.ino)];
   l.next = head;
@@ -98,6 +139,7 @@ void attach(FileLink &l) {
   l.attached = true;
 }
 
+// Stripe held.
 void detach(FileLink &l) {
   for (FileLink **p = &table[bucketOf(l.dev, l.ino)]; *p != nullptr; p = &(*p)->next) {
     if (*p == &l) {
@@ -109,25 +151,39 @@ void detach(FileLink &l) {
   l.attached = false;
 }
 
+// Stripe held.
 bool hasOpenDeferred(const FileLink &l) {
   for (XVELMFileDescriptorp d = l.deferred; d != nullptr; d = d->next)
     if (d->fd >= 0) return true;
   return false;
 }
 
-// No node needs a lock on the file any more: the closes that waited for
-// this are made, and nodes left waiting for them go back to their
+// No node needs a lock on the file any more (the file's turn held): the
+// closes that waited for this are made, with no mutex held, in batches
+// taken under the stripe; then nodes left waiting for them go back to their
 // extensions to be destroyed.
 void drain(dev_t dev, ino_t ino) {
-  for (FileLink *l = table[bucketOf(dev, ino)]; l != nullptr; l = l->next) {
-    if (!sameFile(*l, dev, ino)) continue;
-    for (XVELMFileDescriptorp d = l->deferred; d != nullptr; d = d->next) {
-      if (d->fd >= 0) (void)sys().close(d->fd);
-      d->fd = -1;
+  Stripe &s = stripeOf(dev, ino);
+  for (;;) {
+    constexpr int kBatch = 32;
+    int fds[kBatch];
+    int n = 0;
+    {
+      StripeHold h(s);
+      for (FileLink *l = table[bucketOf(dev, ino)]; l != nullptr && n < kBatch; l = l->next) {
+        if (!sameFile(*l, dev, ino)) continue;
+        for (XVELMFileDescriptorp d = l->deferred; d != nullptr && n < kBatch; d = d->next)
+          if (d->fd >= 0) fds[n++] = std::exchange(d->fd, -1);
+      }
     }
-    if (l->waiting) {
+    if (n == 0) break;
+    for (int i = 0; i < n; ++i) (void)sys().close(fds[i]);
+  }
+  StripeHold h(s);
+  for (FileLink *l = table[bucketOf(dev, ino)]; l != nullptr; l = l->next) {
+    if (sameFile(*l, dev, ino) && l->waiting) {
       l->waiting = false;
-      queueDeadNode(nodeOfLink(l));
+      queueDeadNode(nodeOfLink(l));  // destroyed only after this turn: forgetNode takes it
     }
   }
 }
@@ -143,23 +199,49 @@ int sendLock(int fd, Need to, struct flock &req) {
 
 }  // namespace
 
+bool noRecordLocksHere(int err) noexcept {
+  return err == EOPNOTSUPP || err == EROFS || err == EINVAL;
+}
+
 uint32_t forkGeneration() noexcept {
   return __atomic_load_n(&generation, __ATOMIC_ACQUIRE);
 }
 
-TableLock::TableLock(dev_t dev, ino_t ino) noexcept {
+FileTurn::FileTurn(dev_t dev, ino_t ino) noexcept : dev_(dev), ino_(ino) {
   (void)pthread_once(&stripesOnce, initStripes);
-  m_ = &stripeOf(bucketOf(dev, ino));
   lockOrderTake(Rank::FileTable);
-  pthread_mutex_lock(m_);
+  Stripe &s = stripeOf(dev, ino);
+  pthread_mutex_lock(&s.mutex);
+  for (;;) {
+    bool busy = false;
+    std::size_t free = kTurnSlots;
+    for (std::size_t i = 0; i < kTurnSlots; ++i) {
+      const Stripe::Turn &t = s.turns[i];
+      if (t.used && t.dev == dev && t.ino == ino) busy = true;
+      if (!t.used && free == kTurnSlots) free = i;
+    }
+    if (!busy && free != kTurnSlots) {
+      s.turns[free] = {dev, ino, true};
+      slot_ = free;
+      break;
+    }
+    pthread_cond_wait(&s.turnEnded, &s.mutex);
+  }
+  pthread_mutex_unlock(&s.mutex);
   lockOrderTaken(Rank::FileTable);
 }
-TableLock::~TableLock() {
+
+FileTurn::~FileTurn() {
   lockOrderGive(Rank::FileTable);
-  pthread_mutex_unlock(m_);
+  Stripe &s = stripeOf(dev_, ino_);
+  pthread_mutex_lock(&s.mutex);
+  s.turns[slot_].used = false;
+  pthread_cond_broadcast(&s.turnEnded);
+  pthread_mutex_unlock(&s.mutex);
 }
 
-Identity recordFile(TableLock &, FileLink &l, const struct stat &st) noexcept {
+Identity recordFile(FileTurn &, FileLink &l, const struct stat &st) noexcept {
+  StripeHold h(stripeOf(st.st_dev, st.st_ino));
   if (l.attached) return sameFile(l, st.st_dev, st.st_ino) ? Identity::Same : Identity::Other;
   l.dev = st.st_dev;
   l.ino = st.st_ino;
@@ -172,41 +254,59 @@ bool isNodeFile(const FileLink &l, const struct stat &st) noexcept {
   return l.known && sameFile(l, st.st_dev, st.st_ino);
 }
 
-int setNeed(TableLock &, FileLink &l, Need want, int fd, struct flock &req) noexcept {
-  const Need others = othersNeed(l);
+int setNeed(FileTurn &, FileLink &l, Need want, int fd, struct flock &req) noexcept {
+  Need others = Need::None;
+  {
+    StripeHold h(l);
+    others = othersNeed(l);
+  }
+  // The turn keeps every other node of the file from changing its need
+  // until it ends: the decision stays true while F_SETLK goes out with no
+  // mutex held.
   const Need before = l.need > others ? l.need : others;
   const Need after = want > others ? want : others;
   req.l_type = lockTypeOf(after);
-  if (after != before) {
-    if (sendLock(fd, after, req) != 0) {
-      const int err = errno;
-      if (noRecordLocksHere(err)) l.need = want;
-      errno = err;
-      return -1;
+  if (after != before && sendLock(fd, after, req) != 0) {
+    const int err = errno;
+    if (noRecordLocksHere(err)) {
+      StripeHold h(l);
+      l.need = want;
     }
+    errno = err;
+    return -1;
   }
-  l.need = want;
+  {
+    StripeHold h(l);
+    l.need = want;
+  }
   if (after == Need::None) drain(l.dev, l.ino);
   return 0;
 }
 
-bool releaseNeed(TableLock &, FileLink &l, int fd) noexcept {
+bool releaseNeed(FileTurn &, FileLink &l, int fd) noexcept {
   if (!l.attached) {
     l.need = Need::None;
     return true;
   }
-  const Need others = othersNeed(l);
-  const Need before = l.need > others ? l.need : others;
-  l.need = Need::None;
+  Need others = Need::None, before = Need::None;
+  {
+    StripeHold h(l);
+    others = othersNeed(l);
+    before = l.need > others ? l.need : others;
+    l.need = Need::None;
+  }
   if (others == Need::None) return true;
   if (before != others && fd >= 0) {
+    // Down to what the others need: a lock given down is never refused by
+    // the system (no other process can conflict with less than it holds).
     struct flock req {};
-    (void)sendLock(fd, others, req);  // giving a lock down is never refused
+    (void)sendLock(fd, others, req);
   }
   return false;
 }
 
-void deferRecords(TableLock &, FileLink &l, XVELMFileDescriptorp list) noexcept {
+void deferRecords(FileTurn &, FileLink &l, XVELMFileDescriptorp list) noexcept {
+  StripeHold h(l);
   while (list != nullptr) {
     XVELMFileDescriptorp next = list->next;
     pushDescriptor(l.deferred, list);
@@ -214,20 +314,32 @@ void deferRecords(TableLock &, FileLink &l, XVELMFileDescriptorp list) noexcept 
   }
 }
 
-void closedAll(TableLock &, FileLink &l) noexcept {
+void closedAll(FileTurn &, FileLink &l) noexcept {
   if (!l.attached) return;
-  if (fileNeed(l.dev, l.ino) == Need::None) drain(l.dev, l.ino);
+  bool none = false;
+  {
+    StripeHold h(l);
+    none = fileNeed(l.dev, l.ino) == Need::None;
+  }
+  if (none) drain(l.dev, l.ino);
+  StripeHold h(l);
   if (!hasOpenDeferred(l)) detach(l);
 }
 
-void closeStray(TableLock &, int fd, const struct stat &st) noexcept {
-  if (fileNeed(st.st_dev, st.st_ino) == Need::None) (void)sys().close(fd);
+void closeStray(FileTurn &, int fd, const struct stat &st) noexcept {
+  bool none = false;
+  {
+    StripeHold h(stripeOf(st.st_dev, st.st_ino));
+    none = fileNeed(st.st_dev, st.st_ino) == Need::None;
+  }
+  if (none) (void)sys().close(fd);
 }
 
 bool forgetNode(NodeState *node) noexcept {
   FileLink &l = node->link;
   if (node->generation != forkGeneration()) return true;  // never in this process's table
-  TableLock t(l);
+  FileTurn t(l);
+  StripeHold h(l);
   if (!l.attached) return true;
   if (hasOpenDeferred(l)) {
     l.waiting = true;
@@ -237,55 +349,67 @@ bool forgetNode(NodeState *node) noexcept {
   return true;
 }
 
+namespace {
+
+// Destroy of ext: one of its links leaves the table (the file's turn held).
+// Every node of ext gives up its need on the file; the process's lock is
+// sent down to what the other objects' nodes need, and the descriptors are
+// closed where nothing needs a lock any more.
+void forgetLink(const QMELMExtension *ext, FileLink &l) {
+  auto ours = [ext](const FileLink *o) {
+    return nodeOfLink(const_cast<FileLink *>(o))->owner == ext;
+  };
+  XVELMFileLock &f = nodeOfLink(&l)->pub;
+  Need held = Need::None, others = Need::None;
+  int anyFd = -1;
+  {
+    StripeHold h(l);
+    for (FileLink *o = table[bucketOf(l.dev, l.ino)]; o != nullptr; o = o->next) {
+      if (!sameFile(*o, l.dev, l.ino)) continue;
+      if (o->need > held) held = o->need;
+      if (!ours(o) && o->need > others) others = o->need;
+      if (ours(o)) o->need = Need::None;
+    }
+    for (XVELMFileDescriptorp lists[] = {f.OpenFileDescriptorList, f.ClosedFileDescriptorList,
+                                         l.deferred};
+         XVELMFileDescriptorp d : lists)
+      for (; d != nullptr && anyFd < 0; d = d->next) anyFd = d->fd;
+  }
+  if (held != others && anyFd >= 0) {
+    struct flock req {};
+    (void)sendLock(anyFd, others, req);
+  }
+  if (others == Need::None) {
+    // The node's own lists are its alone (destroy runs with no other call
+    // on ext); its deferred records are the table's.
+    for (XVELMFileDescriptorp lists[] = {f.OpenFileDescriptorList, f.ClosedFileDescriptorList};
+         XVELMFileDescriptorp d : lists)
+      for (; d != nullptr; d = d->next)
+        if (d->fd >= 0) (void)sys().close(std::exchange(d->fd, -1));
+    drain(l.dev, l.ino);
+  }
+  StripeHold h(l);
+  detach(l);
+}
+
+}  // namespace
+
 void forgetExtension(const QMELMExtension *ext) noexcept {
   (void)pthread_once(&stripesOnce, initStripes);
-  // First every node of ext gives up its need, remembering what the process
-  // holds; then each file is sent down to what the other objects' nodes
-  // need, and the descriptors are closed where nothing needs a lock.
-  auto ours = [ext](const FileLink *l) {
-    return nodeOfLink(const_cast<FileLink *>(l))->owner == ext;
-  };
   for (std::size_t b = 0; b < kBuckets; ++b) {
-    pthread_mutex_t &m = stripeOf(b);
-    pthread_mutex_lock(&m);
-    for (FileLink *l = table[b]; l != nullptr;) {
-      FileLink *next = l->next;
-      if (!ours(l)) {
-        l = next;
-        continue;
+    for (;;) {
+      FileLink *l = nullptr;
+      {
+        StripeHold h(stripeOf(b));
+        for (FileLink *o = table[b]; o != nullptr && l == nullptr; o = o->next)
+          if (nodeOfLink(o)->owner == ext) l = o;
       }
-      NodeState *node = nodeOfLink(l);
-      XVELMFileLock &f = node->pub;
-      // What the process holds on the file, and what the other objects need.
-      Need held = Need::None, others = Need::None;
-      for (const FileLink *o = table[b]; o != nullptr; o = o->next) {
-        if (!sameFile(*o, l->dev, l->ino)) continue;
-        if (o->need > held) held = o->need;
-        if (!ours(o) && o->need > others) others = o->need;
-      }
-      int anyFd = -1;
-      for (XVELMFileDescriptorp lists[] = {f.OpenFileDescriptorList, f.ClosedFileDescriptorList,
-                                           l->deferred};
-           XVELMFileDescriptorp d : lists)
-        for (; d != nullptr && anyFd < 0; d = d->next) anyFd = d->fd;
-      if (held != others && anyFd >= 0) {
-        struct flock req {};
-        (void)sendLock(anyFd, others, req);
-      }
-      for (FileLink *o = table[b]; o != nullptr; o = o->next)
-        if (sameFile(*o, l->dev, l->ino) && ours(o)) o->need = Need::None;
-      if (others == Need::None) {
-        for (XVELMFileDescriptorp lists[] = {f.OpenFileDescriptorList, f.ClosedFileDescriptorList,
-                                             l->deferred};
-             XVELMFileDescriptorp d : lists)
-          for (; d != nullptr; d = d->next)
-            if (d->fd >= 0) (void)sys().close(d->fd), d->fd = -1;
-        drain(l->dev, l->ino);
-      }
-      detach(*l);
-      l = next;
+      if (l == nullptr) break;
+      // The link stays where it is meanwhile: only ext's own calls move it,
+      // and destroy runs alone.
+      FileTurn t(*l);
+      forgetLink(ext, *l);
     }
-    pthread_mutex_unlock(&m);
   }
 }
 
@@ -293,21 +417,28 @@ void forgetExtension(const QMELMExtension *ext) noexcept {
 
 void tablePrepareFork() noexcept {
   (void)pthread_once(&stripesOnce, initStripes);
-  for (pthread_mutex_t &m : stripes) pthread_mutex_lock(&m);
+  for (Stripe &s : stripes) pthread_mutex_lock(&s.mutex);
 }
 
 void tableParentAfterFork() noexcept {
-  for (std::size_t i = kStripes; i-- > 0;) pthread_mutex_unlock(&stripes[i]);
+  for (std::size_t i = kStripes; i-- > 0;) pthread_mutex_unlock(&stripes[i].mutex);
 }
 
 // The child holds no record lock (they are not inherited): its table starts
-// empty, and nodes made before the fork belong to another generation. The
-// stripes were taken by the forking thread, the child's only thread, which
-// gives them back.
+// empty, and nodes made before the fork belong to another generation. Turns
+// that threads of the parent had under way are forgotten, and the stripes'
+// condition variables, which may still count those threads as waiters, are
+// made anew. The stripes' mutexes were taken by the forking thread, the
+// child's only thread, which gives them back.
 void tableChildAfterFork() noexcept {
   for (FileLink *&b : table) b = nullptr;
   __atomic_store_n(&generation, generation + 1, __ATOMIC_RELEASE);
-  for (std::size_t i = kStripes; i-- > 0;) pthread_mutex_unlock(&stripes[i]);
+  for (std::size_t i = kStripes; i-- > 0;) {
+    Stripe &s = stripes[i];
+    for (Stripe::Turn &t : s.turns) t.used = false;
+    pthread_cond_init(&s.turnEnded, nullptr);
+    pthread_mutex_unlock(&s.mutex);
+  }
 }
 
 }  // namespace xvelm::detail

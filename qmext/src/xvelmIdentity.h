@@ -18,15 +18,20 @@
  *  - after fork() the child's table starts empty and nodes made before the
  *    fork belong to another generation: the child never uses them.
  *
- * Mutex rules: the table's buckets are split into stripes, each with its
- * mutex; a stripe's mutex guards its buckets and every field of the links in
- * them (links of one file are always in one bucket), except dev, ino and
- * known, which only the node's own acquisitions write (under its NodeMutex
- * and the stripe's mutex). A stripe mutex comes after a node's NodeMutex in
- * the lock order (ListMutex -> NodeDeleteMutex -> NodeMutex -> stripe) and
- * nothing but system calls, pool frees and journals is called while it is
- * held; no thread holds two stripes but destroy and the fork handlers, which
- * take them in order.
+ * Mutex rules: what is done to one file (a record-lock call, a close of
+ * one of its descriptors, a change of a node's need, a link attached or
+ * detached) is done in the file's turn (FileTurn): one thread at a time per
+ * file, by device and inode, with no mutex held in between, so that a slow
+ * F_SETLK or close(2) (a network file system, a dead server) holds up only
+ * requests for that same file. The table's buckets are split into stripes,
+ * each with its mutex; a stripe's mutex guards its buckets and every field
+ * of the links in them (links of one file are always in one bucket), and is
+ * held only for reads and writes of the table, never across a system call.
+ * dev, ino and known of a link are written once, by the node's first
+ * acquisition (under its NodeMutex, the turn and the stripe). Lock order:
+ * ListMutex -> NodeDeleteMutex -> NodeMutex -> a file's turn -> its stripe;
+ * no thread holds two turns or two stripes, but destroy (one at a time) and
+ * the fork handlers (every stripe, in order).
  */
 #ifndef XVELM_IDENTITY_H
 #define XVELM_IDENTITY_H
@@ -62,29 +67,37 @@ struct FileLink {
 // The fork generation of the process: bumped in a child by fork().
 uint32_t forkGeneration() noexcept;
 
-// Holds the mutex of the stripe where a file's links live, for its scope.
-// Every function below that takes a TableLock& must be called with the
-// stripe of the file it works on held: the node's file for a link, st's file
-// for a descriptor's description.
-class XVELM_TSA(scoped_lockable) TableLock {
+// The file's turn, for its scope: no other thread changes what the process
+// holds on the file, closes its descriptors or moves its links until it
+// ends. Every function below that takes a FileTurn& must be called in the
+// turn of the file it works on: the node's file for a link, st's file for a
+// descriptor's description.
+class XVELM_TSA(scoped_lockable) FileTurn {
  public:
-  TableLock(dev_t dev, ino_t ino) noexcept XVELM_TSA(no_thread_safety_analysis);
-  explicit TableLock(const FileLink &l) noexcept : TableLock(l.dev, l.ino) {}
-  explicit TableLock(const struct stat &st) noexcept : TableLock(st.st_dev, st.st_ino) {}
-  ~TableLock() XVELM_TSA(no_thread_safety_analysis);
-  TableLock(const TableLock &) = delete;
-  TableLock &operator=(const TableLock &) = delete;
+  FileTurn(dev_t dev, ino_t ino) noexcept XVELM_TSA(no_thread_safety_analysis);
+  explicit FileTurn(const FileLink &l) noexcept : FileTurn(l.dev, l.ino) {}
+  explicit FileTurn(const struct stat &st) noexcept : FileTurn(st.st_dev, st.st_ino) {}
+  ~FileTurn() XVELM_TSA(no_thread_safety_analysis);
+  FileTurn(const FileTurn &) = delete;
+  FileTurn &operator=(const FileTurn &) = delete;
 
  private:
-  pthread_mutex_t *m_;
+  dev_t dev_;
+  ino_t ino_;
+  std::size_t slot_ = 0;
 };
+
+// True for the errors of F_SETLK on a file system that keeps no record
+// locks: the lock is then granted, deliberately, since nothing else could
+// ever be.
+[[nodiscard]] bool noRecordLocksHere(int err) noexcept;
 
 enum class Identity { Recorded, Same, Other };
 
 // Records the file of a descriptor the node just opened: a node without a
 // file takes this one (Recorded); a node with one says whether it is the
 // same file (Same) or another file now under the node's name (Other).
-[[nodiscard]] Identity recordFile(TableLock &, FileLink &l, const struct stat &st) noexcept;
+[[nodiscard]] Identity recordFile(FileTurn &, FileLink &l, const struct stat &st) noexcept;
 
 // True when st is the node's file (its recorded identity).
 [[nodiscard]] bool isNodeFile(const FileLink &l, const struct stat &st) noexcept;
@@ -95,7 +108,7 @@ enum class Identity { Recorded, Same, Other };
 // asked. Returns 0 (the call succeeded, or none was needed) or -1 with errno
 // set by the refused call. The node's need is recorded on success and on
 // the "no record locks here" errors (EOPNOTSUPP, EROFS, EINVAL).
-[[nodiscard]] int setNeed(TableLock &, FileLink &l, Need want, int fd, struct flock &req) noexcept;
+[[nodiscard]] int setNeed(FileTurn &, FileLink &l, Need want, int fd, struct flock &req) noexcept;
 
 // The node's last holder went: its need drops to none. When other nodes of
 // the file still need a record lock, the process's lock is given down to
@@ -103,17 +116,17 @@ enum class Identity { Recorded, Same, Other };
 // descriptors must not be closed; the caller hands them to deferRecords.
 // True: nothing needs the lock any more and they may be closed now, after
 // which the caller calls closedAll.
-[[nodiscard]] bool releaseNeed(TableLock &, FileLink &l, int fd) noexcept;
-void deferRecords(TableLock &, FileLink &l, XVELMFileDescriptorp list) noexcept;
+[[nodiscard]] bool releaseNeed(FileTurn &, FileLink &l, int fd) noexcept;
+void deferRecords(FileTurn &, FileLink &l, XVELMFileDescriptorp list) noexcept;
 // The node closed its descriptors: the deferred closes of the file's other
 // nodes are made now, and the node leaves the table unless it still waits
 // for closes of its own.
-void closedAll(TableLock &, FileLink &l) noexcept;
+void closedAll(FileTurn &, FileLink &l) noexcept;
 
 // A descriptor opened under a node's name turned out to be another file:
 // closes it when no node of the process needs a lock on that file; else it
 // stays open (closing it would drop that lock) until the process ends.
-void closeStray(TableLock &, int fd, const struct stat &st) noexcept;
+void closeStray(FileTurn &, int fd, const struct stat &st) noexcept;
 
 // A dead node is to be destroyed: true when it may be freed now (it left the
 // table; its deferred records are closed and the caller frees them). False:

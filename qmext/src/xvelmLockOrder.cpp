@@ -22,9 +22,16 @@ constexpr int kMaxHeld = 16;
 thread_local Rank tHeld[kMaxHeld];
 thread_local int tDepth = 0;
 
-constexpr const char *kNames[] = {"?",           "the registry",  "ListMutex",
-                                  "NodeDeleteMutex", "NodeMutex", "a file-table stripe",
-                                  "IOInfoMutex", "an I/O record's mutex", "OptionMutex",
+constexpr const char *kNames[] = {"?",
+                                  "the registry",
+                                  "ListMutex",
+                                  "NodeDeleteMutex",
+                                  "NodeMutex",
+                                  "a file's turn",
+                                  "a file-table stripe",
+                                  "IOInfoMutex",
+                                  "an I/O record's mutex",
+                                  "OptionMutex",
                                   "the handle set"};
 
 const char *nameOf(Rank r) {

@@ -39,10 +39,6 @@ QMStatus openFailureStatus(int err, OpenCaller caller) noexcept {
   }
 }
 
-bool noRecordLocksHere(int err) noexcept {
-  return err == EOPNOTSUPP || err == EROFS || err == EINVAL;
-}
-
 namespace {
 
 // The descriptor is opened with close-on-exec set by open itself: set
@@ -167,7 +163,7 @@ Opening openDescriptor(QMELMExtension *ext, NodeState *node, uint32_t flags,
   // made anew under it after an unlink, is not the file the node's holders
   // (and the process's record lock) are on.
   {
-    TableLock t(st);
+    FileTurn t(st);
     if (recordFile(t, node->link, st) == Identity::Other) {
       closeStray(t, fd, st);
       (void)ext->Pool->memFree(ext->Pool, rec);
@@ -200,31 +196,24 @@ RecordLockResult setRecordLock(NodeState *node, Need want, int fd) noexcept {
   lockOrderRequire(Rank::Node);
   RecordLockResult r{RecordLockResult::Outcome::Granted};
   FileLink &l = node->link;
-  Need before = Need::None;
-  int rc = 0;
-  {
-    TableLock t(l);
-    before = l.need;
-    rc = setNeed(t, l, want, fd, r.req);
+  // One turn for the call and its check: no other node of the file changes
+  // the process's lock in between.
+  FileTurn t(l);
+  const Need before = l.need;
+  if (setNeed(t, l, want, fd, r.req) != 0) {
     r.err = errno;
-  }
-  if (rc != 0) {
     r.outcome = noRecordLocksHere(r.err) ? RecordLockResult::Outcome::NoLocksHere
                                          : RecordLockResult::Outcome::Refused;
     return r;
   }
-  r.err = 0;
   if (want <= before) return r;
   // A raise: the lock is on the node's file; make sure the name still leads
   // to it, or a file renamed over ours between open and lock goes unlocked.
   struct stat byName {};
   if (sys().stat(node->pub.ID.NarrowFilename, &byName) == 0 && isNodeFile(l, byName)) return r;
-  {
-    // The raise is undone: a refused grant leaves the lock as it was.
-    TableLock t(l);
-    struct flock back {};
-    (void)setNeed(t, l, before, fd, back);
-  }
+  // The raise is undone: a refused grant leaves the lock as it was.
+  struct flock back {};
+  (void)setNeed(t, l, before, fd, back);
   r.outcome = RecordLockResult::Outcome::NameLost;
   r.err = kBusyErrno;
   return r;
@@ -292,7 +281,7 @@ bool deleteWhileHeld(NodeState *node) noexcept {
 QMStatus closeParked(QMELMExtension *ext, NodeState *node, QMJnlh jnl, FailureText t) noexcept {
   XVELMFileLock &f = node->pub;
   QMStatus result = 0;
-  TableLock table(node->link);
+  FileTurn table(node->link);
   if (!releaseNeed(table, node->link, firstOpenFd(f.ClosedFileDescriptorList))) {
     // Another node of the process still needs a lock on the file: closing
     // would drop it. The table closes these when the file's last need goes.

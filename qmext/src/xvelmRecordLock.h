@@ -7,8 +7,8 @@
  * deletion while the lock is held. Acquisition, change, release and close
  * keep only their decisions: every open(2), fcntl(2), stat(2) and errno test
  * of a locked file is made here. Every function expects the node's
- * NodeMutex held; the file table's mutex is taken inside, never across a
- * call to the caller.
+ * NodeMutex held; the file's turn in the file table is taken inside, never
+ * across a call to the caller.
  *
  * Record locks belong to the process, not to a descriptor: the one F_SETLK
  * of a file's first external holder covers every thread and descriptor of
@@ -49,11 +49,6 @@ enum class OpenCaller { Acquisition, Change };
 // open with O_TRUNC) for errno err; ESTALE only after its retry.
 [[nodiscard]] QMStatus openFailureStatus(int err,
                                          OpenCaller caller = OpenCaller::Acquisition) noexcept;
-
-// True for the errors of F_SETLK on a file system that keeps no record
-// locks: the lock is then granted, deliberately, since nothing else could
-// ever be.
-[[nodiscard]] bool noRecordLocksHere(int err) noexcept;
 
 // ---- descriptors -----------------------------------------------------------------
 
