@@ -17,6 +17,7 @@
 
 #include "test_lock_support.h"
 #include "xvelm.h"
+#include "xvelmIdentity.h"
 
 using namespace locktest;
 
@@ -441,4 +442,94 @@ TEST(LockOrder, InversionsAndMissingHoldsAbort) {
     lockOrderRequire(Rank::Node);
   }
   EXPECT_EQ(host.release(h), 0);
+}
+
+namespace {
+
+// System calls that wait, on one file only, until the test lets them go.
+struct Stall {
+  static inline std::atomic<ino_t> ino{0};
+  static inline std::string name;
+  static inline std::atomic<bool> stalled{false}, release{false};
+  static inline int (*realFcntl)(int, int, void *) = nullptr;
+  static inline int (*realOpen)(const char *, int, mode_t) = nullptr;
+  static void wait() {
+    stalled = true;
+    while (!release) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  static int fcntl(int fd, int cmd, void *arg) {
+    struct stat st {};
+    if (cmd == F_SETLK && ::fstat(fd, &st) == 0 && st.st_ino == ino) wait();
+    return realFcntl(fd, cmd, arg);
+  }
+  static int open(const char *path, int flags, mode_t mode) {
+    if (name == path) wait();
+    return realOpen(path, flags, mode);
+  }
+};
+
+}  // namespace
+
+// A record-lock call or an open that takes long (a network file system, a
+// dead server) holds up nobody but the requests for its own file: not a
+// file that shares its stripe of the file table, not a file of the same
+// lock manager object.
+TEST(LockEdges, ASlowCallOnOneFileHoldsUpNoOtherFile) {
+  TestHost host;
+  TempDir dir;
+  const std::string slow = dir.file("slow");
+  touch(slow);
+  struct stat a {};
+  ASSERT_EQ(stat(slow.c_str(), &a), 0);
+  // A second file under the same stripe as the first (the candidates stay,
+  // so that each has an inode of its own).
+  std::string near;
+  for (int i = 0; near.empty() && i < 20000; ++i) {
+    const std::string candidate = dir.file("n" + std::to_string(i));
+    touch(candidate);
+    struct stat b {};
+    ASSERT_EQ(stat(candidate.c_str(), &b), 0);
+    if (xvelm::detail::shareStripe(a, b)) near = candidate;
+  }
+  ASSERT_FALSE(near.empty());
+
+  SyscallScope seam;
+  Stall::realFcntl = seam.table().fcntl;
+  Stall::realOpen = seam.table().open;
+  seam.table().fcntl = Stall::fcntl;
+  seam.table().open = Stall::open;
+  auto lockNear = [&] {
+    return std::async(std::launch::async, [&] {
+      LockRequest r(near, O_RDWR);
+      int rc = 0;
+      QMELMLHndlp h = get(host, r, X | EX, &rc, nullptr);
+      return h != nullptr && host.fn().LockRelease(h, nullptr, nullptr) == 0;
+    });
+  };
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round == 0 ? "a stalled F_SETLK" : "a stalled open(O_CREAT) of an absent file");
+    Stall::stalled = false;
+    Stall::release = false;
+    if (round == 0) {
+      Stall::ino = a.st_ino;
+    } else {
+      Stall::ino = 0;
+      Stall::name = dir.file("absent");
+    }
+    const std::string path = round == 0 ? slow : Stall::name;
+    auto stuck = std::async(std::launch::async, [&] {
+      LockRequest r(path, O_RDWR | O_CREAT);
+      int rc = 0;
+      QMELMLHndlp h = get(host, r, X | EX, &rc, nullptr);
+      return h != nullptr && host.fn().LockRelease(h, nullptr, nullptr) == 0;
+    });
+    while (!Stall::stalled) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    auto other = lockNear();
+    const bool answered = other.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    EXPECT_TRUE(answered) << "a request waited behind another file's system call";
+    Stall::release = true;
+    EXPECT_TRUE(stuck.get());
+    EXPECT_TRUE(other.get());
+  }
+  Stall::name.clear();
 }

@@ -203,6 +203,10 @@ bool noRecordLocksHere(int err) noexcept {
   return err == EOPNOTSUPP || err == EROFS || err == EINVAL;
 }
 
+bool shareStripe(const struct stat &a, const struct stat &b) noexcept {
+  return &stripeOf(a.st_dev, a.st_ino) == &stripeOf(b.st_dev, b.st_ino);
+}
+
 uint32_t forkGeneration() noexcept {
   return __atomic_load_n(&generation, __ATOMIC_ACQUIRE);
 }

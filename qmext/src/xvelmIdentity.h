@@ -87,6 +87,10 @@ class XVELM_TSA(scoped_lockable) FileTurn {
   std::size_t slot_ = 0;
 };
 
+// True when two files' links live under one stripe of the table (for tests
+// that make two files meet there).
+[[nodiscard]] bool shareStripe(const struct stat &a, const struct stat &b) noexcept;
+
 // True for the errors of F_SETLK on a file system that keeps no record
 // locks: the lock is then granted, deliberately, since nothing else could
 // ever be.
