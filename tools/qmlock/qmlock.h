@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "qmhost/qmelm.hpp"
+#include "qmelm.hpp"
 
 namespace qmlock {
 
