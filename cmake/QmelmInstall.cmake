@@ -1,26 +1,35 @@
 # What `cmake --install` puts under a prefix:
-#   lib/      libqmhost.so, libqmelm.so, libqmioe.so, libqmhostcm.so (one
-#             directory: the host finds the extensions beside itself)
-#   include/qmelm/        the public C headers, and qmhost/qmhost.h and the
-#                         C++ API qmhost/qmelm.hpp (-I<prefix>/include/qmelm)
+#   lib/      libqmhost.so, libqmelm.so, libqmioe.so, libqmhostcm.so (each
+#             libX.so.MAJOR.MINOR.PATCH, with its SONAME link libX.so.MAJOR
+#             and the libX.so link, in one directory: the host finds the
+#             extensions beside itself, by the name lib<name>.so)
+#   include/qmelm/        the public C headers, qmhost/qmhost.h, and the C++
+#                         API qmelm.hpp (-I<prefix>/include/qmelm)
 #   bin/qmlock, libexec/qmelm/flock (qmlock under the name flock(1); put that
 #             directory first on PATH to have scripts use it),
-#   share/man/man1/qmlock.1
+#   share/man/man1/qmlock.1, share/man/man3/qmelm.3
 #   lib/cmake/qmelm/      the CMake package: find_package(qmelm) gives the
-#                         imported targets qmelm::qmhost, qmelm::qmelm,
-#                         qmelm::qmhostcm and qmelm::headers
+#                         imported targets of qmelmTargets.cmake
 #   lib/pkgconfig/qmelm.pc
 # Every file refers to the others by relative paths, so the tree can be moved.
-# Nothing of the project's own warning flags (-Werror) reaches a consumer.
+# Nothing of the project's own warning flags (-Werror) reaches a consumer:
+# they are private to each target (cmake/QmelmWarnings.cmake).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(QMELM_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/qmelm)
 set(QMELM_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/qmelm)
 
-install(TARGETS qmhost qmhostcm qmelm qmioe LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+# The libraries a consumer links, and the headers they carry, as imported
+# targets qmelm::<EXPORT_NAME>: cxx, qmhost, qmelm, qmhostcm, headers, public.
+install(TARGETS qmhost qmhostcm qmelm qmelm_cxx qmelm_headers qmpublic
+        EXPORT qmelmTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS qmioe LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(EXPORT qmelmTargets NAMESPACE qmelm:: DESTINATION ${QMELM_INSTALL_CMAKEDIR})
+
 install(TARGETS qmlock RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/tools/qmlock/qmlock.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${PROJECT_SOURCE_DIR}/man/qmelm.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
 file(RELATIVE_PATH _qmelm_bin_to_lib /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
 set_target_properties(qmlock PROPERTIES INSTALL_RPATH "$ORIGIN/${_qmelm_bin_to_lib}")
 
@@ -32,12 +41,18 @@ install(CODE "
   message(STATUS \"Installing: \${_dir}/flock -> ${_qmelm_libexec_to_qmlock}\")
   file(CREATE_LINK \"${_qmelm_libexec_to_qmlock}\" \"\${_dir}/flock\" SYMBOLIC)")
 
-file(GLOB _qmelm_headers
-     ${PROJECT_SOURCE_DIR}/qmpublic/public/h/*.h
-     ${PROJECT_SOURCE_DIR}/qmext/h/*.h
-     ${PROJECT_SOURCE_DIR}/qmhostcm/include/*.h)
-install(FILES ${_qmelm_headers} DESTINATION ${QMELM_INSTALL_INCLUDEDIR})
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/qmhost/include/qmhost DESTINATION ${QMELM_INSTALL_INCLUDEDIR})
+install(FILES
+  ${PROJECT_SOURCE_DIR}/qmpublic/public/h/qmioe.h
+  ${PROJECT_SOURCE_DIR}/qmpublic/public/h/qmkernel.h
+  ${PROJECT_SOURCE_DIR}/qmpublic/public/h/qmtypes.h
+  ${PROJECT_SOURCE_DIR}/qmext/h/qmelm.h
+  ${PROJECT_SOURCE_DIR}/qmext/h/qmelmmsg.h
+  ${PROJECT_SOURCE_DIR}/qmhostcm/include/qmhostcm.h
+  ${PROJECT_SOURCE_DIR}/qmhostcm/include/qmversion.h
+  ${PROJECT_SOURCE_DIR}/cxx/include/qmelm.hpp
+  DESTINATION ${QMELM_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/qmhost/include/qmhost/qmhost.h
+        DESTINATION ${QMELM_INSTALL_INCLUDEDIR}/qmhost)
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/qmelmConfig.cmake.in
   ${PROJECT_BINARY_DIR}/cmake/qmelmConfig.cmake

@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
-# Installs the build into a fresh prefix and builds a consumer against the
-# installed tree both ways, find_package(qmelm) and pkg-config: the README's
-# C embedding example and its C++ API example, taken from README.md as they
-# stand. Each program runs, as does the installed qmlock (as qmlock and as
-# flock), with nothing of the build tree on its library path.
+# Builds a consumer of the lock manager the three ways the README offers,
+# each from README.md as it stands: the installed package through
+# find_package(qmelm), the source tree through add_subdirectory, and the
+# installed tree through the README's pkg-config command lines, run as
+# written. The consumer asks for no C++ standard: qmelm::cxx brings C++20.
+# Each program, and the installed qmlock (as qmlock and as flock), runs with
+# nothing of the build tree on its library path.
 # Usage: install_consumer.sh BUILD_DIR SOURCE_DIR WORK_DIR
 # Environment: CC, CXX (the compilers), QMELM_CONSUMER_FLAGS (the sanitizer
-# flags the installed libraries were built with, which their users need too).
+# flags the libraries were built with, which their users need too).
 set -euo pipefail
 build=$1 source=$2 work=$3
 flags=${QMELM_CONSUMER_FLAGS:-}
@@ -14,22 +16,34 @@ cc=${CC:-cc} cxx=${CXX:-c++}
 rm -rf "$work"
 mkdir -p "$work/examples" "$work/run"
 prefix=$work/prefix
+version=$(sed -n 's/^project(qmelm VERSION \([0-9.]*\) .*/\1/p' "$source/CMakeLists.txt")
+[ -n "$version" ] || { echo "FAILED: no version in $source/CMakeLists.txt" >&2; exit 1; }
 
 step() { echo "== $*"; }
 fail() { echo "FAILED: $*" >&2; exit 1; }
 
 step "install into $prefix"
 cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; fail install; }
-for f in lib/libqmhost.so lib/libqmelm.so lib/libqmioe.so lib/libqmhostcm.so bin/qmlock \
-         libexec/qmelm/flock include/qmelm/qmelm.h include/qmelm/qmkernel.h \
-         include/qmelm/qmhost/qmhost.h include/qmelm/qmhost/qmelm.hpp \
-         lib/cmake/qmelm/qmelmConfig.cmake lib/cmake/qmelm/qmelmConfigVersion.cmake \
+for f in bin/qmlock libexec/qmelm/flock include/qmelm/qmelm.h include/qmelm/qmkernel.h \
+         include/qmelm/qmhost/qmhost.h include/qmelm/qmelm.hpp share/man/man3/qmelm.3 \
+         share/man/man1/qmlock.1 lib/cmake/qmelm/qmelmConfig.cmake \
+         lib/cmake/qmelm/qmelmConfigVersion.cmake lib/cmake/qmelm/qmelmTargets.cmake \
          lib/pkgconfig/qmelm.pc; do
   [ -e "$prefix/$f" ] || fail "not installed: $f"
+done
+# Every library: the file of the full version, its SONAME (the major version)
+# and the unversioned name that linkers and the host's loader open.
+for lib in qmhost qmelm qmioe qmhostcm; do
+  for f in "lib$lib.so" "lib$lib.so.${version%%.*}" "lib$lib.so.$version"; do
+    [ -e "$prefix/lib/$f" ] || fail "not installed: lib/$f"
+  done
+  soname=$(readelf -d "$prefix/lib/lib$lib.so.$version" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+  [ "$soname" = "lib$lib.so.${version%%.*}" ] || fail "lib$lib.so has SONAME '$soname'"
 done
 if grep -rq -e Werror -e "$source" -e "$build" "$prefix/lib/cmake" "$prefix/lib/pkgconfig"; then
   fail "the package names the project's own flags or trees"
 fi
+man -l "$prefix/share/man/man3/qmelm.3" 2>&1 >/dev/null | grep . && fail "qmelm.3 does not format cleanly"
 
 step "the README's examples"
 # The first ```c block after "## Embedding in C", the first ```cpp block after "## The C++ API".
@@ -51,29 +65,58 @@ run_examples() {
   grep -q "option 2 governs /srv/data/orders.db" "$work/out.txt" || fail "$1: $(cat "$work/out.txt")"
   (cd "$work/run" && env -u LD_LIBRARY_PATH -u QMHOST_EXTENSION_PATH "$2" >"$work/out.txt") ||
     { cat "$work/out.txt"; fail "$2"; }
-  grep -q "orders.db: ok, int-nonexcl,ext-nonexcl" "$work/out.txt" || fail "$2: $(cat "$work/out.txt")"
+  grep -q "^orders.db: ok, read lock, held$" "$work/out.txt" || fail "$2: $(cat "$work/out.txt")"
   [ -z "$(ls -A "$work/run")" ] || fail "the examples left files: $(ls -A "$work/run")"
 }
 
+# Builds tests/qmlock/consumer in $1 with the extra CMake arguments that follow.
+consumer() {
+  local dir=$1
+  shift
+  cmake -S "$source/tests/qmlock/consumer" -B "$dir" -DEXAMPLES="$work/examples" \
+    -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_BUILD_TYPE=Debug \
+    -DCMAKE_C_FLAGS="-Wall -Wextra -Werror $flags" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror $flags" \
+    "$@" >"$work/consumer.log" 2>&1 &&
+    cmake --build "$dir" -j2 >>"$work/consumer.log" 2>&1 || { cat "$work/consumer.log"; fail "consumer build in $dir"; }
+}
+
 step "find_package(qmelm)"
-cmake -S "$source/tests/qmlock/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
-  -DEXAMPLES="$work/examples" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \
-  -DCMAKE_C_FLAGS="-Wall -Wextra -Werror $flags" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror $flags" \
-  >"$work/consumer.log" 2>&1 &&
-  cmake --build "$work/cmake-build" >>"$work/consumer.log" 2>&1 || { cat "$work/consumer.log"; fail "find_package build"; }
+consumer "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix"
 run_examples "$work/cmake-build/embed_c" "$work/cmake-build/api_cpp"
 
-step "pkg-config qmelm"
+step "pkg-config qmelm: the README's command lines"
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
-pc=$(pkg-config --cflags --libs qmelm)
-libdir=$(pkg-config --variable=libdir qmelm)
 mkdir -p "$work/pc-build"
-# shellcheck disable=SC2086 # the flags are words
-"$cc" -std=c11 -Wall -Wextra -Werror $flags "$work/examples/embed.c" $pc -Wl,-rpath,"$libdir" \
-  -o "$work/pc-build/embed_c" || fail "pkg-config C build"
-# shellcheck disable=SC2086
-"$cxx" -std=c++20 -Wall -Wextra -Werror $flags "$work/examples/api.cpp" $pc -Wl,-rpath,"$libdir" \
-  -o "$work/pc-build/api_cpp" || fail "pkg-config C++ build"
+cp "$work/examples/embed.c" "$work/pc-build/app.c"
+cp "$work/examples/api.cpp" "$work/pc-build/app.cpp"
+# The lines as the README writes them; cc and c++ are the compilers under
+# test, with the sanitizer flags the libraries need.
+lines=$(grep -E '^    (cc|c\+\+) .*pkg-config' "$source/README.md") || fail "no pkg-config command line in README.md"
+[ "$(grep -c '^    cc ' <<<"$lines")" -ge 1 ] && [ "$(grep -c '^    c++ ' <<<"$lines")" -ge 1 ] ||
+  fail "README.md lacks a C or a C++ pkg-config command line: $lines"
+(
+  cd "$work/pc-build"
+  # shellcheck disable=SC2086 # the flags are words
+  cc() { "$cc" $flags "$@"; }
+  # shellcheck disable=SC2086
+  c++() { "$cxx" $flags "$@"; }
+  while read -r line; do
+    echo "$line"
+    eval "$line" || fail "$line"
+  done <<<"$lines"
+) || exit 1
+[ -x "$work/pc-build/a.out" ] || fail "the README's command lines made no a.out"
+# The last line built wins a.out; build each under its own name to run both.
+grep -q '^    cc .*app\.c' <<<"$lines" && grep -q '^    c++ .*app\.cpp' <<<"$lines" ||
+  fail "the README's lines do not build app.c and app.cpp"
+(
+  cd "$work/pc-build"
+  # shellcheck disable=SC2086
+  cc() { "$cc" $flags "$@" -o embed_c; }
+  # shellcheck disable=SC2086
+  c++() { "$cxx" $flags "$@" -o api_cpp; }
+  while read -r line; do eval "$line"; done <<<"$lines"
+)
 run_examples "$work/pc-build/embed_c" "$work/pc-build/api_cpp"
 
 step "the installed qmlock"
@@ -84,5 +127,10 @@ env -u LD_LIBRARY_PATH -u QMHOST_EXTENSION_PATH "$prefix/bin/qmlock" run -n "$wo
 env -u LD_LIBRARY_PATH "$prefix/bin/qmlock" --version | grep -q "^  lock manager interface " ||
   fail "installed qmlock --version"
 rm -f "$work/run/x"
+
+step "add_subdirectory: the source tree in a consumer's build"
+consumer "$work/subdir-build" -DQMELM_SOURCE="$source"
+run_examples "$work/subdir-build/embed_c" "$work/subdir-build/api_cpp"
+
 rm -rf "$work"
 echo "== ok"
