@@ -52,6 +52,46 @@ struct SeamHook {
   }
 };
 
+// Another process, started before the scenario, that tries a record lock
+// on path whenever asked: a question asked from inside a call of the lock
+// manager must not fork there.
+class Witness {
+ public:
+  explicit Witness(const std::string &path) {
+    if (pipe(ask_) != 0 || pipe(answer_) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      close(ask_[1]);
+      close(answer_[0]);
+      for (char type; ::read(ask_[0], &type, 1) == 1;) {
+        struct flock fl {};
+        fl.l_type = static_cast<short>(type);
+        const int fd = open(path.c_str(), O_RDWR);
+        const char free = fd >= 0 && fcntl(fd, F_SETLK, &fl) == 0 ? '1' : '0';
+        if (fd >= 0) close(fd);
+        (void)!::write(answer_[1], &free, 1);
+      }
+      _exit(0);
+    }
+    close(ask_[0]);
+    close(answer_[1]);
+  }
+  ~Witness() {
+    close(ask_[1]);
+    close(answer_[0]);
+    if (pid_ > 0) waitpid(pid_, nullptr, 0);
+  }
+  bool canLock(short type) {
+    const char t = static_cast<char>(type);
+    char free = '0';
+    return ::write(ask_[1], &t, 1) == 1 && ::read(answer_[0], &free, 1) == 1 && free == '1';
+  }
+
+ private:
+  int ask_[2] = {-1, -1}, answer_[2] = {-1, -1};
+  pid_t pid_ = -1;
+};
+
 }  // namespace
 
 TEST(LockEdges, DeleteOnCloseUnlinksWhileHeldAndSparesAFileAnotherProcessHolds) {
@@ -65,11 +105,12 @@ TEST(LockEdges, DeleteOnCloseUnlinksWhileHeldAndSparesAFileAnotherProcessHolds) 
     SeamHook::realUnlink = seam.table().unlink;
     seam.table().unlink = SeamHook::unlinkHook;
     bool freeAtUnlink = true;
-    SeamHook::before = [&] { freeAtUnlink = otherProcessCanLock(path, F_RDLCK); };
     LockRequest r(path, O_RDWR | O_CREAT, QMELM_FLAG_DELETE_ON_CLOSE);
     int rc = 0;
     QMELMLHndlp h = host.lock(r, X | EX, &rc);
     ASSERT_NE(h, nullptr) << hex(rc);
+    Witness witness(path);
+    SeamHook::before = [&] { freeAtUnlink = witness.canLock(F_RDLCK); };
     EXPECT_EQ(host.release(h, &r), 0);
     EXPECT_FALSE(freeAtUnlink);
     EXPECT_FALSE(exists(path));

@@ -1,11 +1,15 @@
 /*
  * xvelmFork - the registry of live lock manager objects and fork(): one
  * unit that covers every mutex the lock manager has. Before fork() the
- * forking thread takes them all, in the lock order (the registry, each
- * object's ListMutex, the file table's stripes, each object's IOInfoMutex
- * and its records' mutexes, each OptionMutex, the live-handle set), so that
- * no other thread is half-way through what they guard while the process is
- * copied. The parent gives back exactly what was taken. In the child only
+ * forking thread takes them all (the registry, each object's ListMutex,
+ * each object's IOInfoMutex and its records' mutexes, each OptionMutex, the
+ * file table's stripes, the live-handle set), so that no other thread is
+ * half-way through what they guard while the process is copied. The order
+ * agrees with every nesting the lock manager makes (no thread holds a
+ * stripe together with IOInfoMutex or OptionMutex, so the stripes may come
+ * last): the host mutexes that the child replaces are all taken before the
+ * stripes it gives back, and the prepare handler never holds a stripe that
+ * a thread it waits for needs. The parent gives back exactly what was taken. In the child only
  * the forking thread exists: the pthread mutexes it holds are unlocked, the
  * host mutexes are replaced (a reader-writer lock cannot be given back by a
  * thread with another id), the file table starts empty and the fork
@@ -16,15 +20,32 @@
  */
 #include <pthread.h>
 
+#include <atomic>
+#include <thread>
+
 #include "xvelmIdentity.h"
 #include "xvelmLock.h"
 
 namespace xvelm::detail {
 namespace {
 
-pthread_mutex_t registryMutex = PTHREAD_MUTEX_INITIALIZER;
+// The registry's lock: a spin lock, held for a few pointer operations (and
+// by the fork handlers around fork()). Being a flag in memory, the child
+// gives it back by clearing it, which is well defined whoever set it.
+std::atomic_flag registryLock;
 ExtensionState *registry = nullptr;
 pthread_once_t forkHandlersOnce = PTHREAD_ONCE_INIT;
+
+void lockRegistry() {
+  lockOrderTake(Rank::Registry);
+  while (registryLock.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
+  lockOrderTaken(Rank::Registry);
+}
+
+void unlockRegistry() {
+  lockOrderGive(Rank::Registry);
+  registryLock.clear(std::memory_order_release);
+}
 
 // Which host mutexes of an object the prepare handler obtained: only those
 // are given back in the parent. Kept in the object's private state.
@@ -35,10 +56,9 @@ bool take(QMLockh m) {
 }
 
 void prepareFork() {
-  pthread_mutex_lock(&registryMutex);
+  while (registryLock.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
     e->forkTaken = take(e->pub.ListMutex) ? kListTaken : 0;
-  tablePrepareFork();
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
     if (!take(e->pub.IOInfoMutex)) continue;
     e->forkTaken |= kIOTaken;
@@ -46,11 +66,13 @@ void prepareFork() {
   }
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
     if (take(e->pub.OptionMutex)) e->forkTaken |= kOptionTaken;
+  tablePrepareFork();
   handleSetPrepareFork();
 }
 
 void parentAfterFork() {
   handleSetParentAfterFork();
+  tableParentAfterFork();
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext) {
     if (e->forkTaken & kOptionTaken) (void)e->pub.OptionMutex->release(e->pub.OptionMutex);
     if (e->forkTaken & kIOTaken) {
@@ -58,10 +80,9 @@ void parentAfterFork() {
       (void)e->pub.IOInfoMutex->release(e->pub.IOInfoMutex);
     }
   }
-  tableParentAfterFork();
   for (ExtensionState *e = registry; e != nullptr; e = e->regNext)
     if (e->forkTaken & kListTaken) (void)e->pub.ListMutex->release(e->pub.ListMutex);
-  pthread_mutex_unlock(&registryMutex);
+  registryLock.clear(std::memory_order_release);
 }
 
 // A host mutex the forking thread holds cannot be given back in the child
@@ -86,7 +107,7 @@ void childAfterFork() {
     renew(h, e->pub.IOInfoMutex, "QMELM IO Info Mutex");
     renew(h, e->pub.OptionMutex, "QMELM Option Mutex");
   }
-  pthread_mutex_unlock(&registryMutex);
+  registryLock.clear(std::memory_order_release);
 }
 
 void installForkHandlers() {
@@ -98,33 +119,33 @@ void installForkHandlers() {
 void registerExtension(QMELMExtension *ext) noexcept {
   (void)pthread_once(&forkHandlersOnce, installForkHandlers);
   ExtensionState *e = stateOf(ext);
-  pthread_mutex_lock(&registryMutex);
+  lockRegistry();
   e->regPrev = nullptr;
   e->regNext = registry;
   if (registry != nullptr) registry->regPrev = e;
   registry = e;
-  pthread_mutex_unlock(&registryMutex);
+  unlockRegistry();
 }
 
 void unregisterExtension(QMELMExtension *ext) noexcept {
   ExtensionState *e = stateOf(ext);
-  pthread_mutex_lock(&registryMutex);
+  lockRegistry();
   if (e->regPrev != nullptr)
     e->regPrev->regNext = e->regNext;
   else if (registry == e)
     registry = e->regNext;
   if (e->regNext != nullptr) e->regNext->regPrev = e->regPrev;
   e->regNext = e->regPrev = nullptr;
-  pthread_mutex_unlock(&registryMutex);
+  unlockRegistry();
 }
 
 bool hostIsLive(QMHndlp hndl) noexcept {
   if (hndl == nullptr) return false;
-  pthread_mutex_lock(&registryMutex);
+  lockRegistry();
   bool live = false;
   for (const ExtensionState *e = registry; e != nullptr && !live; e = e->regNext)
     live = e->pub.Common.hndl == hndl;
-  pthread_mutex_unlock(&registryMutex);
+  unlockRegistry();
   return live;
 }
 
