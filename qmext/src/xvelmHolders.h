@@ -1,8 +1,9 @@
 /*
- * xvelmHolders.h - holder accounting of a node, in one place for lock
- * acquisition, release and change: counting and un-counting internal and
- * external holders, and the record-lock decision that follows a release.
- * Every function expects the node's NodeMutex held (or works on copies).
+ * xvelmHolders.h - the internal arbitration rules and the holder accounting
+ * of a node, for acquisition, release and change alike: the sharing test,
+ * counting and un-counting internal and external holders, the recount of a
+ * change, and the record-lock decision that follows a release. Every
+ * function expects the node's NodeMutex held (or works on copies).
  *
  * The deliberate asymmetry, stated once: at acquisition a holder takes no
  * external lock when its type has 0x020 or 0x080 (option None), and is
@@ -19,6 +20,9 @@
 namespace xvelm::detail {
 
 inline constexpr QMMemSize kNoExternalAtAcquisition = QMELM_NOEXTERNAL_LOCK | QMELM_OPT_NONE;
+// The bits of a type's internal lock that a change may alter.
+inline constexpr QMMemSize kInternalLockBits =
+    QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_SHARED;
 
 // The internal counters of a node, or copies of them being recounted.
 struct InternalCounts {
@@ -35,6 +39,81 @@ struct InternalCounts {
     n.int_nonshared_nonexclusive = nonshared;
   }
 };
+
+// Would the request R mix shared and non-shared holders on a node whose
+// current type is N? Only asked of a node that has a type and takes internal
+// locks. The cases are tested in this order on purpose: a shared holder is
+// the one kind that may join an exclusive holder, and the one kind of
+// exclusive holder that may join non-exclusive ones.
+[[nodiscard]] inline bool mixesSharing(QMMemSize N, QMMemSize R) {
+  const bool nShared = (N & QMELM_SHARED) != 0;
+  const bool rShared = (R & QMELM_SHARED) != 0;
+  const bool rExcl = (R & QMELM_INT_EXCLUSIVE) != 0;
+  if ((N & QMELM_INT_EXCLUSIVE) && nShared && !rShared) return true;
+  if ((N & QMELM_INT_NONEXCLUSIVE) && nShared && rExcl && !rShared) return true;
+  if (!nShared) {
+    if ((N & QMELM_INT_EXCLUSIVE) && rShared) return true;
+    if ((N & QMELM_INT_NONEXCLUSIVE) && rExcl && rShared) return true;
+  }
+  return false;
+}
+
+// A change of a holder's internal lock from type O to type T, made on
+// copies of the counters: 0 with the copies recounted, or the conflict with
+// the copies as they may stand (the caller commits only on 0). A holder
+// without an internal lock, or a change that keeps the internal part, only
+// counts as it did.
+[[nodiscard]] inline QMStatus recountInternal(QMMemSize O, QMMemSize T, InternalCounts &c) {
+  if ((O & QMELM_NOINTERNAL_LOCK) || (O & kInternalLockBits) == (T & kInternalLockBits)) return 0;
+  const bool oExcl = O & QMELM_INT_EXCLUSIVE, oShared = O & QMELM_SHARED;
+  const bool tExcl = T & QMELM_INT_EXCLUSIVE, tShared = T & QMELM_SHARED;
+  QMMemSize &X = c.exclusive, &S = c.nonexclusive;
+  uint32_t &U = c.nonshared;
+  if (oExcl && !oShared) {
+    if (!tExcl) {  // to non-exclusive
+      --X, ++S;
+      if (!tShared) ++U;
+    }
+  } else if (oExcl && oShared) {
+    if (!tExcl && tShared) {
+      --X, ++S;
+    } else if (!tExcl) {
+      --X, ++S, ++U;
+    } else if (!tShared && !(T & QMELM_INT_NONEXCLUSIVE) && S != 0) {
+      return QMELM_E_INT_SHARE_CONFLICT;
+    }
+  } else if (oShared) {  // non-exclusive shared
+    if (tShared && tExcl) {
+      if (X != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
+      if (U != 0) return QMELM_E_INT_SHARE_CONFLICT;
+      ++X, --S;
+    } else if (!tShared) {
+      if (X != 0) return QMELM_E_INT_SHARE_CONFLICT;
+      if (!tExcl) {
+        ++U;
+      } else {
+        if (S - U >= 2) return QMELM_E_INT_SHARE_CONFLICT;
+        if (U != 0) return QMELM_E_INT_LOCKED_SHARED;
+        ++X, --S;
+      }
+    }
+  } else {  // non-exclusive non-shared
+    if (tShared && !tExcl) {
+      --U;
+    } else if (tShared) {
+      // A second exclusive holder is refused here as at acquisition: the
+      // change would otherwise grant what no request can get.
+      if (X != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
+      if (U >= 2) return QMELM_E_INT_SHARE_CONFLICT;
+      --U, --S, ++X;
+    } else if (tExcl) {
+      if (X != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
+      if (S != U || S >= 2) return S == U ? QMELM_E_INT_LOCKED_SHARED : QMELM_E_INT_SHARE_CONFLICT;
+      ++X, --U, --S;
+    }
+  }
+  return 0;
+}
 
 // Counts a holder of internal type R in, or returns the refusal decided on
 // the counters alone (a holder without an internal lock is only counted).

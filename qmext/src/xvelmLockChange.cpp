@@ -25,7 +25,7 @@ using namespace xvelm::detail;
 
 constexpr QMMemSize kForbidden = QMELM_NOINTERNAL_LOCK | QMELM_NOEXTERNAL_LOCK | QMELM_OPT_NONE |
                                  QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;  // 0x3b0
-constexpr QMMemSize kInternalBits = QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_SHARED;
+constexpr QMMemSize kInternalBits = kInternalLockBits;
 constexpr QMMemSize kExternalBits = QMELM_EXT_EXCLUSIVE | QMELM_EXT_NONEXCLUSIVE;
 constexpr QMMemSize kOptionBits = QMELM_OPT_NONE | QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;
 // A held type's external part (with "no external lock") and internal part
@@ -62,56 +62,6 @@ QMMemSize composeType(QMMemSize O, QMMemSize W) {
   const bool wNames = (W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE)) != 0;
   T |= (wNames && wInternal != (oInternal & kInternalBits)) ? wInternal : oInternal;
   return T;
-}
-
-// The internal recount on copies. Returns 0, or the conflict.
-QMStatus recountInternal(QMMemSize O, QMMemSize T, InternalCounts &c) {
-  if ((O & QMELM_NOINTERNAL_LOCK) || (O & kInternalBits) == (T & kInternalBits)) return 0;
-  const bool oExcl = O & QMELM_INT_EXCLUSIVE, oShared = O & QMELM_SHARED;
-  const bool tExcl = T & QMELM_INT_EXCLUSIVE, tShared = T & QMELM_SHARED;
-  QMMemSize &X = c.exclusive, &S = c.nonexclusive;
-  uint32_t &U = c.nonshared;
-  if (oExcl && !oShared) {
-    if (!tExcl) {  // to non-exclusive
-      --X, ++S;
-      if (!tShared) ++U;
-    }
-  } else if (oExcl && oShared) {
-    if (!tExcl && tShared) {
-      --X, ++S;
-    } else if (!tExcl) {
-      --X, ++S, ++U;
-    } else if (!tShared && !(T & QMELM_INT_NONEXCLUSIVE) && S != 0) {
-      return QMELM_E_INT_SHARE_CONFLICT;
-    }
-  } else if (oShared) {  // non-exclusive shared
-    if (tShared && tExcl) {
-      if (X != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
-      if (U != 0) return QMELM_E_INT_SHARE_CONFLICT;
-      ++X, --S;
-    } else if (!tShared) {
-      if (X != 0) return QMELM_E_INT_SHARE_CONFLICT;
-      if (!tExcl) {
-        ++U;
-      } else {
-        if (S - U >= 2) return QMELM_E_INT_SHARE_CONFLICT;
-        if (U != 0) return QMELM_E_INT_LOCKED_SHARED;
-        ++X, --S;
-      }
-    }
-  } else {  // non-exclusive non-shared
-    if (tShared && !tExcl) {
-      --U;
-    } else if (tShared) {
-      if (U >= 2) return QMELM_E_INT_SHARE_CONFLICT;
-      --U, --S, ++X;
-    } else if (tExcl) {
-      if (X != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
-      if (S != U || S >= 2) return S == U ? QMELM_E_INT_LOCKED_SHARED : QMELM_E_INT_SHARE_CONFLICT;
-      ++X, --U, --S;
-    }
-  }
-  return 0;
 }
 
 class Change {

@@ -10,29 +10,7 @@
 #include "xvelmHolders.h"
 #include "xvelmLock.h"
 
-namespace {
-
 using namespace xvelm::detail;
-
-// Would the request R mix shared and non-shared holders on a node whose
-// current type is N? Only asked of a node that has a type and takes internal
-// locks. The cases are tested in this order on purpose: a shared holder is
-// the one kind that may join an exclusive holder, and the one kind of
-// exclusive holder that may join non-exclusive ones.
-bool mixesSharing(QMMemSize N, QMMemSize R) {
-  const bool nShared = (N & QMELM_SHARED) != 0;
-  const bool rShared = (R & QMELM_SHARED) != 0;
-  const bool rExcl = (R & QMELM_INT_EXCLUSIVE) != 0;
-  if ((N & QMELM_INT_EXCLUSIVE) && nShared && !rShared) return true;
-  if ((N & QMELM_INT_NONEXCLUSIVE) && nShared && rExcl && !rShared) return true;
-  if (!nShared) {
-    if ((N & QMELM_INT_EXCLUSIVE) && rShared) return true;
-    if ((N & QMELM_INT_NONEXCLUSIVE) && rExcl && rShared) return true;
-  }
-  return false;
-}
-
-}  // namespace
 
 int xvelmLockGetInternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexcept {
   lockOrderRequire(Rank::Node);
