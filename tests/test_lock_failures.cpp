@@ -193,3 +193,140 @@ TEST(LockFailures, VerboseErrorsReachTheHostJournalOnlyWhenNoneIsGiven) {
   EXPECT_EQ(host.entryCount(hostJnl), 2u);
   unsetenv("QMELM_DEBUG_VERBOSE_ERRORS");
 }
+
+namespace {
+
+// The Nth call of one system call fails with one errno. close(2) is made
+// all the same (Linux gives the descriptor back even when close reports an
+// error); the other calls are not made.
+enum class Call { Open, Close, Fcntl, Stat, Fstat, Lseek, Unlink, Ftruncate, kCount };
+struct Inject {
+  static inline Call which = Call::kCount;
+  static inline long at = 0, calls = 0;
+  static inline int err = 0;
+  static bool hit(Call c) { return c == which && ++calls == at; }
+  static int fail() { return errno = err, -1; }
+};
+
+void injectEverywhere(xvelm::detail::Syscalls &t) {
+  t.open = [](const char *p, int f, mode_t m) {
+    return Inject::hit(Call::Open) ? Inject::fail() : ::open(p, f, m);
+  };
+  t.close = [](int fd) {
+    const int rc = ::close(fd);
+    return Inject::hit(Call::Close) ? Inject::fail() : rc;
+  };
+  t.fcntl = [](int fd, int cmd, void *arg) {
+    if (Inject::hit(Call::Fcntl)) return Inject::fail();
+    if (cmd == F_GETLK || cmd == F_SETLK) return ::fcntl(fd, cmd, static_cast<struct flock *>(arg));
+    return ::fcntl(fd, cmd, static_cast<int>(reinterpret_cast<intptr_t>(arg)));
+  };
+  t.stat = [](const char *p, struct stat *st) {
+    return Inject::hit(Call::Stat) ? Inject::fail() : ::stat(p, st);
+  };
+  t.fstat = [](int fd, struct stat *st) {
+    return Inject::hit(Call::Fstat) ? Inject::fail() : ::fstat(fd, st);
+  };
+  t.lseek = [](int fd, off_t o, int w) -> off_t {
+    return Inject::hit(Call::Lseek) ? Inject::fail() : ::lseek(fd, o, w);
+  };
+  t.unlink = [](const char *p) { return Inject::hit(Call::Unlink) ? Inject::fail() : ::unlink(p); };
+  t.ftruncate = [](int fd, off_t l) {
+    return Inject::hit(Call::Ftruncate) ? Inject::fail() : ::ftruncate(fd, l);
+  };
+}
+
+// Record locks this process holds on the inode, from /proc/locks.
+int locksOfThisProcess(ino_t ino) {
+  FILE *f = fopen("/proc/locks", "r");
+  if (f == nullptr) return 0;
+  int n = 0;
+  char line[512];
+  const std::string pid = " " + std::to_string(getpid()) + " ";
+  const std::string tail = ":" + std::to_string(ino) + " ";
+  while (fgets(line, sizeof line, f) != nullptr) {
+    const std::string l(line);
+    if (l.find(pid) != std::string::npos && l.find(tail) != std::string::npos) ++n;
+  }
+  fclose(f);
+  return n;
+}
+
+}  // namespace
+
+// Every system call of every step failing in turn, with each errno a disk,
+// a signal or a full process table gives: the first holder, a joiner with
+// other flags and O_TRUNC, the downgrade of a release, an upgrade that
+// takes a new descriptor, and a delete on close. Whatever each step
+// answers, once its holders are gone nothing is left: no pool block, no
+// mutex, no descriptor, no record lock in /proc/locks, and another process
+// can lock the file; and every refusal is journaled.
+TEST(LockFailures, EverySystemCallFailingInTurnInEveryStepLeavesNothing) {
+  TestHost host;
+  TempDir dir;
+  const std::string path = dir.file("f"), other = dir.file("other");
+  const auto base = footprint(host, other);
+  int rc = 0, refusals = 0;
+  // One scenario, every handle released at its end. Which step meets the
+  // failure varies, so its status is not asserted, only counted: each
+  // refusal must have left a message in the journal.
+  auto note = [&](int st) {
+    if (st != 0) ++refusals;
+  };
+  auto scenario = [&](int step) {
+    if (step != 0) touch(path);
+    LockRequest first(path, O_RDWR | O_CREAT), joiner(path, O_RDONLY | O_TRUNC),
+        last(path, O_RDWR, QMELM_FLAG_DELETE_ON_CLOSE);
+    QMELMLHndlp a = host.lock(first, step == 2 ? (X | SH | EX) : (NX | ENX), &rc);
+    note(rc);
+    if (step == 0 || a == nullptr) {
+      if (a != nullptr) note(host.release(a));
+      return;
+    }
+    QMELMLHndlp b = host.lock(joiner, NX | SH | ENX, &rc);
+    note(rc);
+    if (step == 3 && b != nullptr) {
+      LockRequest up(path, O_RDWR);
+      note(host.fn().LockChange(b, up.get(), EX, host.jnl));
+    }
+    if (b != nullptr) note(host.release(b));
+    note(host.release(a, step == 4 ? &last : nullptr));
+  };
+  SyscallScope seam;
+  injectEverywhere(seam.table());
+  int runs = 0;
+  for (int step = 0; step < 5; ++step) {
+    for (int c = 0; c < static_cast<int>(Call::kCount); ++c) {
+      for (int err : {EINTR, EIO, EMFILE, ENOSPC}) {
+        for (long n = 1;; ++n) {
+          SCOPED_TRACE("step " + std::to_string(step) + ", call " + std::to_string(c) +
+                       ", errno " + std::to_string(err) + ", failing call " + std::to_string(n));
+          host.clearJournal();
+          refusals = 0;
+          Inject::which = static_cast<Call>(c);
+          Inject::at = n;
+          Inject::calls = 0;
+          Inject::err = err;
+          scenario(step);
+          const bool happened = Inject::calls >= n;
+          Inject::which = Call::kCount;
+          ++runs;
+          if (refusals != 0) {
+            EXPECT_GT(host.entryCount(), 0u);
+          }
+          EXPECT_EQ(footprint(host, other), base);
+          EXPECT_EQ(openDescriptorsOf(path), 0);
+          struct stat st {};
+          if (stat(path.c_str(), &st) == 0) {
+            EXPECT_EQ(locksOfThisProcess(st.st_ino), 0);
+            EXPECT_TRUE(otherProcessCanLock(path, F_WRLCK));
+          }
+          EXPECT_EQ(host.stats().bad_frees, 0u);
+          if (!happened) break;
+        }
+        unlink(path.c_str());
+      }
+    }
+  }
+  EXPECT_GT(runs, 200);
+}
