@@ -57,6 +57,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>  // std::shared_lock, for file_mutex
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -154,6 +155,7 @@ inline bool is_conflict(QMStatus s, int error) noexcept {
 // portable conditions (std::errc) that some statuses mean.
 class Category final : public std::error_category {
  public:
+  using std::error_category::equivalent;
   const char *name() const noexcept override { return "qmelm"; }
   std::string message(int code) const override { return std::string(status_text(code)); }
   bool equivalent(int code, const std::error_condition &cond) const noexcept override {

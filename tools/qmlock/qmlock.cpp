@@ -25,7 +25,9 @@ namespace {
 // (A sanitizer's dlopen interceptor searches without qmlock's run path.)
 std::string besideTheHost(const char *name) {
   std::string path = name;
-  if (void *host = dlopen("libqmhost.so", RTLD_LAZY | RTLD_NOLOAD)) {
+  // The program's own scope: libqmhost.so is loaded under its SONAME
+  // (libqmhost.so.N), so looking it up by "libqmhost.so" would not find it.
+  if (void *host = dlopen(nullptr, RTLD_LAZY)) {
     Dl_info info{};
     void *entry = dlsym(host, "qmhost_create");
     if (entry != nullptr && dladdr(entry, &info) != 0 && info.dli_fname != nullptr) {
