@@ -153,7 +153,7 @@ TEST(LockEdges, DeleteOnCloseUnderManyProcessesNeverMakesTwoHoldersOfAName) {
   auto *holders = static_cast<std::atomic<int> *>(
       mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   ASSERT_NE(holders, MAP_FAILED);
-  new (holders) std::atomic<int>[4]{};  // per name, then violations, then grants
+  new (holders) std::atomic<int>[4] {};  // per name, then violations, then grants
   constexpr int kProcesses = 4, kRounds = 600;
   std::vector<pid_t> pids;
   for (int p = 0; p < kProcesses; ++p) {
@@ -216,7 +216,7 @@ TEST(LockEdges, EveryGrantChecksTheNameWhateverDescriptorItUses) {
   EXPECT_EQ(joiner.parms.Errno, EAGAIN);
   ASSERT_GE(host.entryCount(), 1u);
   EXPECT_CODES(host.entries().front().codes, fileLockMessage(QMELM_E_LOCKGET_SETUP));
-  EXPECT_TRUE(otherProcessCanLock(path, F_WRLCK));  // the replacement is nobody's
+  EXPECT_TRUE(otherProcessCanLock(path, F_WRLCK));   // the replacement is nobody's
   EXPECT_FALSE(otherProcessCanLock(keep, F_RDLCK));  // the locked file still is
   EXPECT_EQ(counts(h), (std::vector<QMMemSize>{0, 1, 1, 0, 1, 0, 0}));
   EXPECT_EQ(host.release(h), 0);
@@ -573,4 +573,86 @@ TEST(LockEdges, ASlowCallOnOneFileHoldsUpNoOtherFile) {
     EXPECT_TRUE(other.get());
   }
   Stall::name.clear();
+}
+
+// Threads lock and release while the process forks: a child finds every
+// mutex usable, holds nothing its parent held, answers the inherited handle
+// with a status, and locks on its own.
+TEST(LockEdges, ForksDuringAcquisitionsLeaveChildrenThatWork) {
+  TestHost host;
+  TempDir dir;
+  const std::string files[2] = {dir.file("a"), dir.file("b")};
+  LockRequest held(files[0]);
+  int rc = 0;
+  QMELMLHndlp inherited = host.lock(held, NX | SH | ENX, &rc);
+  ASSERT_NE(inherited, nullptr);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; !stop; ++i) {
+        LockRequest r(files[(i + t) % 2]);
+        int rc2 = 0;
+        if (QMELMLHndlp h = get(host, r, NX | SH | ENX, &rc2, nullptr))
+          host.fn().LockRelease(h, nullptr, nullptr);
+      }
+    });
+  }
+  int hung = 0, failed = 0;
+  for (int k = 0; k < 30; ++k) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      int code = 0;
+      LockRequest mine(dir.file("child"));
+      int rc2 = 0;
+      QMELMLHndlp h = get(host, mine, X | EX, &rc2, nullptr);
+      if (h == nullptr || host.fn().LockRelease(h, nullptr, nullptr) != 0) code = 1;
+      // The parent's holders are not the child's: an exclusive internal
+      // lock is granted here (beside the parent's read locks).
+      LockRequest again(files[k % 2]);
+      h = get(host, again, X | ENX, &rc2, nullptr);
+      if (h == nullptr || host.fn().LockRelease(h, nullptr, nullptr) != 0) code = 2;
+      if (host.fn().LockRelease(inherited, nullptr, nullptr) !=
+          static_cast<int>(QMELM_E_FORKED_HANDLE))
+        code = 3;
+      _exit(code);
+    }
+    ASSERT_GT(pid, 0);
+    int st = 0;
+    bool done = false;
+    for (int waited = 0; waited < 10000 && !done; waited += 5) {
+      done = waitpid(pid, &st, WNOHANG) == pid;
+      if (!done) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (!done) {
+      ++hung;
+      kill(pid, SIGKILL);
+      waitpid(pid, &st, 0);
+    } else if (!WIFEXITED(st) || WEXITSTATUS(st) != 0) {
+      ++failed;
+      ADD_FAILURE() << "child " << k << " ended with status " << st;
+    }
+  }
+  stop = true;
+  for (std::thread &th : threads) th.join();
+  EXPECT_EQ(hung, 0);
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(host.release(inherited), 0);
+}
+
+// The library stays in the process once loaded: a handle of a destroyed
+// lock manager is answered through the entry the caller kept, even after
+// the host let go of the library.
+TEST(LockEdges, AHandleOutlivingItsLockManagerIsAnsweredNotFollowed) {
+  TestHost host(HostOptions{.builtin = false});
+  ASSERT_NE(host.ext, nullptr);
+  TempDir dir;
+  LockRequest r(dir.file("f"));
+  int rc = 0;
+  QMELMLHndlp h = host.lock(r, X | EX, &rc);
+  ASSERT_NE(h, nullptr);
+  const auto release = host.fn().LockRelease;
+  host.unload();
+  EXPECT_STATUS(QMELM_E_DEAD_NODE, release(h, nullptr, nullptr));
+  EXPECT_TRUE(otherProcessCanLock(dir.file("f"), F_WRLCK));  // destroy gave the lock back
 }

@@ -255,12 +255,11 @@ int locksOfThisProcess(ino_t ino) {
 }  // namespace
 
 // Every system call of every step failing in turn, with each errno a disk,
-// a signal or a full process table gives: the first holder, a joiner with
-// other flags and O_TRUNC, the downgrade of a release, an upgrade that
-// takes a new descriptor, and a delete on close. Whatever each step
-// answers, once its holders are gone nothing is left: no pool block, no
-// mutex, no descriptor, no record lock in /proc/locks, and another process
-// can lock the file; and every refusal is journaled.
+// a signal or a full process table gives, and every pool allocation: the first holder, a joiner
+// with other flags and O_TRUNC, the downgrade of a release, an upgrade that takes a new descriptor,
+// and a delete on close. Whatever each step answers, once its holders are gone nothing is left: no
+// pool block, no mutex, no descriptor, no record lock in /proc/locks, and another process can lock
+// the file; and every refusal is journaled.
 TEST(LockFailures, EverySystemCallFailingInTurnInEveryStepLeavesNothing) {
   TestHost host;
   TempDir dir;
@@ -295,23 +294,31 @@ TEST(LockFailures, EverySystemCallFailingInTurnInEveryStepLeavesNothing) {
   SyscallScope seam;
   injectEverywhere(seam.table());
   int runs = 0;
+  // Call::kCount stands for the pool: its allocations failing in turn.
   for (int step = 0; step < 5; ++step) {
-    for (int c = 0; c < static_cast<int>(Call::kCount); ++c) {
+    for (int c = 0; c <= static_cast<int>(Call::kCount); ++c) {
+      const bool pool = c == static_cast<int>(Call::kCount);
       for (int err : {EINTR, EIO, EMFILE, ENOSPC}) {
+        if (pool && err != EINTR) break;  // one sweep of the pool is enough
         for (long n = 1;; ++n) {
-          SCOPED_TRACE("step " + std::to_string(step) + ", call " + std::to_string(c) +
-                       ", errno " + std::to_string(err) + ", failing call " + std::to_string(n));
+          SCOPED_TRACE("step " + std::to_string(step) + ", call " + std::to_string(c) + ", errno " +
+                       std::to_string(err) + ", failing call " + std::to_string(n));
           host.clearJournal();
           refusals = 0;
           Inject::which = static_cast<Call>(c);
           Inject::at = n;
           Inject::calls = 0;
           Inject::err = err;
+          const long allocsBefore = host.calls(QMHOST_FAIL_ALLOC);
+          if (pool) host.failNth(QMHOST_FAIL_ALLOC, n);
           scenario(step);
-          const bool happened = Inject::calls >= n;
+          host.failNth(QMHOST_FAIL_ALLOC, 0);
+          const bool happened =
+              pool ? host.calls(QMHOST_FAIL_ALLOC) - allocsBefore >= n : Inject::calls >= n;
           Inject::which = Call::kCount;
           ++runs;
-          if (refusals != 0) {
+          // (A refused allocation may be the message's own buffer: no journal then.)
+          if (refusals != 0 && !pool) {
             EXPECT_GT(host.entryCount(), 0u);
           }
           EXPECT_EQ(footprint(host, other), base);

@@ -49,8 +49,8 @@ inline constexpr QMLiteral kRootPath("/");
 // is refused by acquisition and change alike.
 inline constexpr QMMemSize kDefinedLockTypeBits =
     QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_EXT_EXCLUSIVE | QMELM_EXT_NONEXCLUSIVE |
-    QMELM_NOINTERNAL_LOCK | QMELM_NOEXTERNAL_LOCK | QMELM_SHARED | QMELM_OPT_NONE |
-    QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;
+    QMELM_NOINTERNAL_LOCK | QMELM_NOEXTERNAL_LOCK | QMELM_SHARED | QMELM_OPT_NONE | QMELM_OPT_FAIL |
+    QMELM_OPT_CONTINUE;
 static_assert(kDefinedLockTypeBits == 0x3ff);
 
 // ---- the lock order -----------------------------------------------------
@@ -66,10 +66,10 @@ static_assert(kDefinedLockTypeBits == 0x3ff);
 // The fork handlers take every mutex of every rank at once; they bypass the
 // guards and keep the same order (see xvelmFork.cpp).
 enum class Rank : uint8_t {
-  Registry = 1,    // the process's registry of lock manager objects
-  List = 2,        // an object's ListMutex: LockList and the name index
-  NodeDelete = 3,  // a node's NodeDeleteMutex: its acquirers against its destruction
-  Node = 4,        // a node's NodeMutex: its counters, descriptors and type
+  Registry = 1,     // the process's registry of lock manager objects
+  List = 2,         // an object's ListMutex: LockList and the name index
+  NodeDelete = 3,   // a node's NodeDeleteMutex: its acquirers against its destruction
+  Node = 4,         // a node's NodeMutex: its counters, descriptors and type
   FileTable = 5,    // a file's turn in the process's file table
   TableStripe = 6,  // a stripe of the file table (table reads and writes only)
   IOInfo = 7,       // an object's IOInfoMutex: the I/O list and the records' chains
@@ -404,7 +404,7 @@ struct ExtensionState {
   NodeState *dead;          // nodes waiting to be destroyed
   ExtensionState *regNext;  // registry of live extension objects
   ExtensionState *regPrev;
-  uint8_t forkTaken;        // which of its host mutexes the fork handler holds
+  uint8_t forkTaken;             // which of its host mutexes the fork handler holds
   NodeState *inlineBuckets[64];  // the index's first buckets: no allocation
 };
 

@@ -39,7 +39,8 @@ constexpr QMStrSize kDescriptionChars = 1024;
 // A type no holder could have: bits no lock type defines, or two bits of
 // one part that exclude each other.
 bool invalidNewType(QMMemSize W) {
-  return (W & ~kDefinedLockTypeBits) != 0 || ((W & QMELM_INT_EXCLUSIVE) && (W & QMELM_INT_NONEXCLUSIVE)) ||
+  return (W & ~kDefinedLockTypeBits) != 0 ||
+         ((W & QMELM_INT_EXCLUSIVE) && (W & QMELM_INT_NONEXCLUSIVE)) ||
          ((W & QMELM_EXT_EXCLUSIVE) && (W & QMELM_EXT_NONEXCLUSIVE)) ||
          ((W & QMELM_SHARED) &&
           !(W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LOCK)));
@@ -284,9 +285,9 @@ QMStatus Change::run(QMMemSize W) noexcept {
   }
   // A new descriptor asked for with O_TRUNC empties the file only now, with
   // the lock granted; a failure undoes the change, record lock included.
-  if (truncate_ && truncateGranted(newFdp_->fd) != 0) {
-    const int err = errno;
-    if ((E0 != 0) != (E != 0)) (void)setRecordLock(node_, needOf(E0, res().ext_nonexclusive), h_->FDP->fd);
+  if (const int err = truncate_ ? truncateGranted(newFdp_->fd) : 0; err != 0) {
+    if ((E0 != 0) != (E != 0))
+      (void)setRecordLock(node_, needOf(E0, res().ext_nonexclusive), h_->FDP->fd);
     rollBack();
     parms_->Errno = err;
     const QMStatus st = openFailureStatus(err, OpenCaller::Change);

@@ -56,7 +56,6 @@ struct External {
     return st;
   }
 
-  [[nodiscard]] bool nameStillLeadsHere() const;
   [[nodiscard]] QMStatus nameLost() const;
   [[nodiscard]] QMStatus openFresh(XVELMFileDescriptorp *out, double *openTime,
                                    bool *truncate) const;
@@ -65,18 +64,6 @@ struct External {
   [[nodiscard]] QMStatus refused(XVELMFileDescriptorp d, struct flock &req, int err) const;
   [[nodiscard]] QMStatus truncateFailed(XVELMFileDescriptorp d, bool firstHolder, int err) const;
 };
-
-// Every grant passes one identity check, whatever descriptor it then uses:
-// the name the request looked up must lead to the node's file. A look-up
-// that disagrees is made again now (the node's first holder may have
-// created the file since), so only a name that leads elsewhere is refused.
-bool External::nameStillLeadsHere() const {
-  if (nameLeadsToNode(node, handleBlockOf(lock)->name)) return true;
-  struct stat st {};
-  NameLookup now;
-  if (sys().stat(file().ID.NarrowFilename, &st) == 0) now = {true, st.st_dev, st.st_ino};
-  return nameLeadsToNode(node, now);
-}
 
 // The name leads to another file than the node's, or to none: refused as a
 // record lock lost to a rename is (EAGAIN), with the holder of the node's
@@ -200,7 +187,8 @@ int xvelmLockGetExternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexc
                    jnl,
                    lock->Private.LockType};
 
-  if (!x.nameStillLeadsHere()) return x.nameLost();
+  // Every grant passes one identity check, whatever descriptor it uses.
+  if (!nameLeadsToNode(x.node, handleBlockOf(lock)->name)) return x.nameLost();
 
   // A parked descriptor opened with exactly the same flags is reused: no
   // open happened, so the open time stays 0.0. A failed rewind is reported
@@ -226,7 +214,10 @@ int xvelmLockGetExternal(QMELMLHndlp lock, QMMemPtr lockParms, QMJnlh jnl) noexc
   // Only now, with the lock granted and the file's identity checked, may
   // O_TRUNC empty it: a refused request never truncates a file another
   // process holds.
-  if (truncate && truncateGranted(d->fd) != 0) return x.truncateFailed(d, firstHolder, errno);
+  if (truncate) {
+    if (const int err = truncateGranted(d->fd); err != 0)
+      return x.truncateFailed(d, firstHolder, err);
+  }
 
   if (x.ext->Common.hndl->iobytecount > QMIO_ByteCount_None) {
     QMELMCreateIOInfoParms cp{};

@@ -42,8 +42,8 @@ const char *nameOf(Rank r) {
 [[noreturn]] void violation(const char *what, Rank a, Rank b) {
   // Written with write(2): the process is about to abort, and stdio may be
   // what another thread holds.
-  const char *parts[] = {"qmelm lock order violated: ", what, " ", nameOf(a), " / ", nameOf(b),
-                         "\n"};
+  const char *parts[] = {
+      "qmelm lock order violated: ", what, " ", nameOf(a), " / ", nameOf(b), "\n"};
   for (const char *p : parts) (void)!::write(STDERR_FILENO, p, std::strlen(p));
   std::abort();
 }

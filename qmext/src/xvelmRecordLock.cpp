@@ -183,13 +183,16 @@ Opening openDescriptor(QMELMExtension *ext, NodeState *node, uint32_t flags,
 int truncateGranted(int fd) noexcept {
   for (;;) {
     if (sys().ftruncate(fd, 0) == 0) return 0;
-    if (errno != EINTR) return -1;
+    if (errno != EINTR) return errno;
   }
 }
 
-bool nameLeadsToNode(const NodeState *node, const NameLookup &name) noexcept {
-  if (!node->link.known) return true;
-  return name.found && node->link.dev == name.dev && node->link.ino == name.ino;
+bool nameLeadsToNode(const NodeState *node, const NameLookup &earlier) noexcept {
+  const FileLink &l = node->link;
+  if (!l.known) return true;
+  if (earlier.found && l.dev == earlier.dev && l.ino == earlier.ino) return true;
+  struct stat now {};
+  return sys().stat(node->pub.ID.NarrowFilename, &now) == 0 && isNodeFile(l, now);
 }
 
 RecordLockResult setRecordLock(NodeState *node, Need want, int fd) noexcept {
@@ -230,7 +233,7 @@ Refusal analyseRefusal(int fd, struct flock &req, int err, QMMemSize type, Refus
   const bool asked = sys().fcntl(fd, F_GETLK, &req) != -1;
   const int getlkErr = errno;
   parms->LockerPID = req.l_pid;  // a failed question leaves the request as it stood
-  parms->SystemID = 0;  // struct flock has no system id here
+  parms->SystemID = 0;           // struct flock has no system id here
   if (rules == RefusalRules::Acquisition) {
     // The errno reported is the refused request's; a failed question reports
     // its own errno and no holder.

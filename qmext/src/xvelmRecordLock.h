@@ -88,13 +88,15 @@ struct Opening {
                                      uint32_t mode) noexcept;
 
 // The truncation that an open with O_TRUNC asked for, made once the lock is
-// granted and the file's identity checked. 0, or -1 with errno.
+// granted and the file's identity checked. 0, or the errno of the failure.
 [[nodiscard]] int truncateGranted(int fd) noexcept;
 
-// True when the node has no file yet, or the looked-up name is its file.
-// Every grant on a node that has a file passes this check, whatever
-// descriptor it then uses.
-[[nodiscard]] bool nameLeadsToNode(const NodeState *node, const NameLookup &name) noexcept;
+// True when the node has no file yet, or its name leads to its file. Every
+// grant on a node that has a file passes this check, whatever descriptor it
+// then uses. The request's own look-up of the name is used; one that
+// disagrees is made again now (the node's first holder may have created the
+// file since), so only a name that leads elsewhere is refused.
+[[nodiscard]] bool nameLeadsToNode(const NodeState *node, const NameLookup &earlier) noexcept;
 
 // ---- the process's record lock ------------------------------------------------------
 
