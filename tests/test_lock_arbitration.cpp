@@ -172,7 +172,8 @@ TEST(LockArbitration, ThreadsNeverBreakInternalExclusionAgainstAModel) {
         LockRequest r(files[f]);
         int rc = 0;
         QMMemSize type = types[rnd() % 6];
-        QMELMLHndlp h = host.fn().LockGet(host.ext, r.get(), QMELM_RESOURCE_FILE, type, nullptr, &rc);
+        QMELMLHndlp h =
+            host.fn().LockGet(host.ext, r.get(), QMELM_RESOURCE_FILE, type, nullptr, &rc);
         if (h == nullptr) continue;
         add(f, type);
         if (rnd() % 2) {
