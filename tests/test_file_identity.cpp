@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "test_lock_support.h"
+#include "qmp.h"
 
 using namespace locktest;
 

@@ -7,7 +7,7 @@
 #include <set>
 
 #include "qmtest_fixture.h"
-#include "xvelmDetail.h"
+#include "xvelmHandles.h"
 
 extern "C" {
 QMExtensionh qmelm(QMHndlp, QMJnlh) noexcept;

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "test_lock_support.h"
+#include "xvelmSys.h"
 
 using namespace locktest;
 

@@ -18,6 +18,7 @@
 #include "test_lock_support.h"
 #include "xvelm.h"
 #include "xvelmIdentity.h"
+#include "xvelmMutex.h"
 
 using namespace locktest;
 

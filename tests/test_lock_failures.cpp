@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "test_lock_support.h"
+#include "xvelmSys.h"
 
 using namespace locktest;
 

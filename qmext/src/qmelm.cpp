@@ -6,8 +6,12 @@
 #include <cstring>
 
 #include "xvelm.h"
-#include "xvelmDetail.h"
+#include "xvelmHandles.h"
+#include "xvelmHostObject.h"
 #include "xvelmIdentity.h"
+#include "xvelmJournal.h"
+#include "xvelmQMChar.h"
+#include "xvelmState.h"
 
 using namespace xvelm::detail;
 

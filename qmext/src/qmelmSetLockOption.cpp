@@ -2,7 +2,7 @@
 // below it, every other option is stored. The choice is made on the option
 // alone; an absent path does not select removal.
 #include "xvelm.h"
-#include "xvelmDetail.h"
+#include "xvelmJournal.h"
 #include "xvelmOptions.h"
 
 int qmelmsetlockoption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) noexcept {

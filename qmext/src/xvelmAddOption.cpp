@@ -7,7 +7,11 @@
 #include <cstring>
 
 #include "xvelm.h"
+#include "xvelmJournal.h"
+#include "xvelmMutex.h"
 #include "xvelmOptions.h"
+#include "xvelmPool.h"
+#include "xvelmQMChar.h"
 
 using namespace xvelm::detail;
 

@@ -23,8 +23,11 @@
 #include <atomic>
 #include <thread>
 
+#include "xvelmHandles.h"
 #include "xvelmIdentity.h"
 #include "xvelmLock.h"
+#include "xvelmMutex.h"
+#include "xvelmState.h"
 
 namespace xvelm::detail {
 namespace {

@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "xvelm.h"
+#include "xvelmJournal.h"
+#include "xvelmMutex.h"
 #include "xvelmOptions.h"
 
 using namespace xvelm::detail;

@@ -2,11 +2,13 @@
 // handle blocks themselves, so the set never allocates and never fails; each
 // bucket stripe has a tiny spin lock held for a few pointer operations only
 // (a leaf of the lock order: nothing is called while it is held).
+#include "xvelmHandles.h"
+
 #include <atomic>
 #include <cstdint>
 #include <thread>
 
-#include "xvelmDetail.h"
+#include "xvelmMutex.h"
 
 namespace xvelm::detail {
 namespace {

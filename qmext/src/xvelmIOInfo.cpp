@@ -59,8 +59,14 @@
 
 #include "qmhostcm.h"
 #include "xvelm.h"
+#include "xvelmHandles.h"
+#include "xvelmHostObject.h"
+#include "xvelmJournal.h"
 #include "xvelmLock.h"
+#include "xvelmMutex.h"
 #include "xvelmOptions.h"
+#include "xvelmPool.h"
+#include "xvelmQMChar.h"
 
 namespace {
 

@@ -15,6 +15,8 @@
 #include <utility>
 
 #include "xvelmLock.h"
+#include "xvelmMutex.h"
+#include "xvelmSys.h"
 
 namespace xvelm::detail {
 namespace {

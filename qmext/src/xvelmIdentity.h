@@ -42,7 +42,7 @@
 
 #include <cstdint>
 
-#include "xvelmDetail.h"
+#include "xvelmMutex.h"
 
 namespace xvelm::detail {
 

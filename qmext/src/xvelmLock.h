@@ -8,8 +8,10 @@
 #ifndef XVELM_LOCK_H
 #define XVELM_LOCK_H
 
-#include "xvelmDetail.h"
+#include "xvelmHandles.h"
 #include "xvelmIdentity.h"
+#include "xvelmJournal.h"
+#include "xvelmState.h"
 
 namespace xvelm::detail {
 
@@ -81,6 +83,23 @@ inline IORecord *recordOf(QMELMIOInfop info) {
 inline void grantRecordLock(NodeState *node, QMMemSize R) {
   node->pub.FcntlLockSet = 1;
   node->pub.CommonLock.LockType = R;
+}
+
+// ---- shared public fields read without their mutex -------------------------
+
+// DeadNode is written under NodeMutex and read by the list walk under
+// ListMutex only; Info is read by update and close without any mutex.
+inline bool isDead(const QMELMResLock *n) {
+  return __atomic_load_n(&n->DeadNode, __ATOMIC_ACQUIRE) != 0;
+}
+inline void markDead(QMELMResLock *n) {
+  __atomic_store_n(&n->DeadNode, QMBoolean{1}, __ATOMIC_RELEASE);
+}
+inline QMELMIOInfop loadInfo(const QMELMResLock *n) {
+  return __atomic_load_n(&n->Info, __ATOMIC_ACQUIRE);
+}
+inline void storeInfo(QMELMResLock *n, QMELMIOInfop r) {
+  __atomic_store_n(&n->Info, r, __ATOMIC_RELEASE);
 }
 
 // ---- descriptor lists (under the node's NodeMutex) --------------------------

@@ -16,7 +16,12 @@
 #include <cerrno>
 
 #include "xvelm.h"
+#include "xvelmHandles.h"
 #include "xvelmHolders.h"
+#include "xvelmJournal.h"
+#include "xvelmLockTypes.h"
+#include "xvelmMutex.h"
+#include "xvelmPool.h"
 #include "xvelmRecordLock.h"
 
 namespace {

@@ -13,8 +13,15 @@
 #include <optional>
 
 #include "xvelm.h"
+#include "xvelmHandles.h"
+#include "xvelmHostObject.h"
 #include "xvelmIdentity.h"
+#include "xvelmJournal.h"
 #include "xvelmLock.h"
+#include "xvelmMutex.h"
+#include "xvelmPool.h"
+#include "xvelmState.h"
+#include "xvelmSys.h"
 
 namespace {
 

@@ -15,6 +15,9 @@
 
 #include "xvelm.h"
 #include "xvelmHolders.h"
+#include "xvelmJournal.h"
+#include "xvelmMutex.h"
+#include "xvelmPool.h"
 #include "xvelmRecordLock.h"
 
 namespace {

@@ -8,7 +8,9 @@
  */
 #include "xvelm.h"
 #include "xvelmHolders.h"
+#include "xvelmJournal.h"
 #include "xvelmLock.h"
+#include "xvelmMutex.h"
 
 using namespace xvelm::detail;
 

@@ -1,12 +1,12 @@
 /*
  * xvelmLockOrder - the machine check of the lock order (see Rank in
- * xvelmDetail.h), compiled in debug and sanitizer builds. Each thread keeps
+ * xvelmMutex.h), compiled in debug and sanitizer builds. Each thread keeps
  * the ranks of the mutexes it holds, in the order it took them; an
  * inversion, a release of a mutex not held, or a missing hold aborts the
  * process with a line on stderr naming the mutexes. No mutex is taken and
  * nothing is allocated.
  */
-#include "xvelmDetail.h"
+#include "xvelmMutex.h"
 
 #if QMELM_CHECK_LOCK_ORDER
 

@@ -12,7 +12,11 @@
 #include <cerrno>
 
 #include "xvelm.h"
+#include "xvelmHandles.h"
 #include "xvelmHolders.h"
+#include "xvelmJournal.h"
+#include "xvelmMutex.h"
+#include "xvelmPool.h"
 #include "xvelmRecordLock.h"
 
 namespace {

@@ -5,7 +5,11 @@
 // (the caller frees them with ReleaseMatch). Returns 0, QMELM_E_NO_PATH,
 // QMELM_E_NO_MEMORY, or qmioe's status; every failure is journaled.
 #include "xvelm.h"
+#include "xvelmJournal.h"
+#include "xvelmMutex.h"
 #include "xvelmOptions.h"
+#include "xvelmPool.h"
+#include "xvelmQMChar.h"
 
 using namespace xvelm::detail;
 

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "xvelmDetail.h"
+#include "xvelmJournal.h"
 #include "xvelmLock.h"
+#include "xvelmPool.h"
+#include "xvelmQMChar.h"
 
 namespace xvelm::detail {
 namespace {

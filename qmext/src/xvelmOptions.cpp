@@ -5,6 +5,10 @@
 
 #include <cstring>
 
+#include "xvelmJournal.h"
+#include "xvelmPool.h"
+#include "xvelmQMChar.h"
+
 namespace xvelm::detail {
 
 FullPath::FullPath(const QMELMExtension *ext, QMJnlh jnl, NLScei enc) noexcept

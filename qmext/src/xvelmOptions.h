@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "qmioe.h"
-#include "xvelmDetail.h"
+#include "xvelmPool.h"
 
 namespace xvelm::detail {
 

@@ -12,6 +12,10 @@
 #include <cstdint>
 
 #include "xvelm.h"
+#include "xvelmHandles.h"
+#include "xvelmMutex.h"
+#include "xvelmPool.h"
+#include "xvelmSys.h"
 
 namespace xvelm::detail {
 

@@ -26,6 +26,7 @@
 
 #include <cerrno>
 
+#include "xvelmHandles.h"
 #include "xvelmLock.h"
 
 namespace xvelm::detail {

@@ -3,7 +3,9 @@
 // snapshot is the caller's alone. Returns 0, QMELM_E_NO_OPTIONS for a null or
 // empty snapshot, or the status of the first free that failed.
 #include "xvelm.h"
+#include "xvelmJournal.h"
 #include "xvelmOptions.h"
+#include "xvelmPool.h"
 
 using namespace xvelm::detail;
 

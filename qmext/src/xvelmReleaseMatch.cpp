@@ -3,6 +3,7 @@
 // status of the failing free (the second one's when both fail); failures are
 // journaled.
 #include "xvelm.h"
+#include "xvelmJournal.h"
 #include "xvelmOptions.h"
 
 using namespace xvelm::detail;

@@ -6,7 +6,10 @@
 #include <cstring>
 
 #include "xvelm.h"
+#include "xvelmJournal.h"
+#include "xvelmMutex.h"
 #include "xvelmOptions.h"
+#include "xvelmPool.h"
 
 using namespace xvelm::detail;
 

@@ -1,12 +1,12 @@
 // The system-call table: libc by default, swappable by tests. Nothing else
 // in the lock manager calls open, close, fcntl, stat, fstat, lseek, unlink or
 // ftruncate.
+#include "xvelmSys.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdint>
-
-#include "xvelmDetail.h"
 
 namespace xvelm::detail {
 namespace {
@@ -43,8 +43,8 @@ int sysFtruncate(int fd, off_t length) {
   return ::ftruncate(fd, length);
 }
 
-constexpr Syscalls kLibc{sysOpen, sysClose, sysFcntl, sysStat, sysFstat, sysLseek, sysUnlink,
-                           sysFtruncate};
+constexpr Syscalls kLibc{sysOpen,  sysClose, sysFcntl,  sysStat,
+                         sysFstat, sysLseek, sysUnlink, sysFtruncate};
 Syscalls table = kLibc;
 
 }  // namespace

@@ -3,7 +3,8 @@
 // taken. Validation allocates one message buffer from the extension's pool
 // only when it reports to a journal, and frees it before returning.
 #include "xvelm.h"
-#include "xvelmDetail.h"
+#include "xvelmJournal.h"
+#include "xvelmLockTypes.h"
 
 using namespace xvelm::detail;
 
