@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "xvelm.h"
+#include "xvelmFork.h"
 #include "xvelmHandles.h"
 #include "xvelmHostObject.h"
 #include "xvelmIdentity.h"

@@ -18,11 +18,14 @@
  * NodeDeleteMutex and NodeMutex are not taken: nodes of the parent are
  * never entered by the child.
  */
+#include "xvelmFork.h"
+
 #include <pthread.h>
 
 #include <atomic>
 #include <thread>
 
+#include "qmp.h"
 #include "xvelmHandles.h"
 #include "xvelmIdentity.h"
 #include "xvelmLock.h"
@@ -113,8 +116,16 @@ void childAfterFork() {
   registryLock.clear(std::memory_order_release);
 }
 
+// The clock's question (qmpLiveHost): is an object of this host alive?
+int hostCheck(QMHndlp hndl) {
+  return hostIsLive(hndl) ? 1 : 0;
+}
+
+// Once, before the first object is registered: the fork handlers, and the
+// registry's answer to the clock.
 void installForkHandlers() {
   (void)pthread_atfork(prepareFork, parentAfterFork, childAfterFork);
+  qmpSetHostCheck(hostCheck);
 }
 
 }  // namespace
@@ -153,8 +164,3 @@ bool hostIsLive(QMHndlp hndl) noexcept {
 }
 
 }  // namespace xvelm::detail
-
-QMHndlp qmpLiveHost(void) noexcept {
-  QMHndlp h = __atomic_load_n(&qmp_hndl, __ATOMIC_ACQUIRE);
-  return xvelm::detail::hostIsLive(h) ? h : nullptr;
-}

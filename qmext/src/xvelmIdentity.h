@@ -156,15 +156,6 @@ void tablePrepareFork() noexcept;
 void tableParentAfterFork() noexcept;
 void tableChildAfterFork() noexcept;
 
-// ---- the registry of live extension objects (xvelmFork.cpp) -----------------------
-
-// Factory and destroy: the fork handlers take every live object's mutexes
-// before fork() so that no mutex held by another thread is copied held.
-void registerExtension(QMELMExtension *ext) noexcept;
-void unregisterExtension(QMELMExtension *ext) noexcept;
-// True while an extension object of this host is alive.
-[[nodiscard]] bool hostIsLive(QMHndlp hndl) noexcept;
-
 }  // namespace xvelm::detail
 
 #endif  // XVELM_IDENTITY_H

@@ -16,8 +16,16 @@ extern QMHndlp qmp_hndl;
 
 /* The remembered host handle while an extension object of that host is
    alive, else null: a host that loaded this copy and then went away (or
-   never made an object) is never followed. */
+   never made an object) is never followed. Whether an object is alive is
+   the extension's to say, through the check it installs below: qmp calls
+   nothing of the extension. */
 QMHndlp qmpLiveHost(void) QM_NOEXCEPT;
+
+/* Answers nonzero while an extension object made with hndl is alive. */
+typedef int (*QMPHostCheck)(QMHndlp hndl);
+/* Installs the check qmpLiveHost asks (the extension does, before it makes
+   its first object). Until then qmpLiveHost answers null. */
+void qmpSetHostCheck(QMPHostCheck check) QM_NOEXCEPT;
 
 QM_EXPORT QMStatus qmextent(QMHndlp hndl) QM_NOEXCEPT;
 QM_EXPORT QMStatus qmextver(QMHndlp hndl, int *major, int *minor) QM_NOEXCEPT;
