@@ -11,6 +11,7 @@
 #include "xvelmHostObject.h"
 #include "xvelmIdentity.h"
 #include "xvelmJournal.h"
+#include "xvelmNodeList.h"
 #include "xvelmQMChar.h"
 #include "xvelmState.h"
 
@@ -114,8 +115,7 @@ QMExtensionh qmelm(QMHndlp hndl, QMJnlh jnl) noexcept {
   ext->Common.hndl = hndl;
   ext->Common.realDestroy = qmelmdestroy;
   ext->Pool = pool;
-  state->buckets = state->inlineBuckets;
-  state->bucketCount = sizeof(state->inlineBuckets) / sizeof(state->inlineBuckets[0]);
+  initNodeList(state);
   FactoryUnwind unwind(ext);
 
   if ((ext->ListMutex = hndl->lockCreate(hndl, &kLockParms, nullptr, "QMELM Lock Mutex")) ==
