@@ -14,8 +14,8 @@
 #include <random>
 #include <thread>
 
-#include "test_lock_support.h"
 #include "qmp.h"
+#include "test_lock_support.h"
 
 using namespace locktest;
 

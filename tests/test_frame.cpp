@@ -6,8 +6,8 @@
 #include <memory>
 #include <set>
 
+#include "frame/xvelmHandles.h"
 #include "qmtest_fixture.h"
-#include "xvelmHandles.h"
 
 extern "C" {
 QMExtensionh qmelm(QMHndlp, QMJnlh) noexcept;

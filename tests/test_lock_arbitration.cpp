@@ -7,8 +7,8 @@
 #include <random>
 #include <thread>
 
+#include "locks/xvelmHolders.h"
 #include "test_lock_support.h"
-#include "xvelmHolders.h"
 
 using namespace locktest;
 

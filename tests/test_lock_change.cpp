@@ -5,8 +5,8 @@
 
 #include <cerrno>
 
+#include "host/xvelmSys.h"
 #include "test_lock_support.h"
-#include "xvelmSys.h"
 
 using namespace locktest;
 

@@ -15,10 +15,10 @@
 #include <random>
 #include <thread>
 
+#include "frame/xvelm.h"
+#include "host/xvelmMutex.h"
+#include "locks/xvelmIdentity.h"
 #include "test_lock_support.h"
-#include "xvelm.h"
-#include "xvelmIdentity.h"
-#include "xvelmMutex.h"
 
 using namespace locktest;
 

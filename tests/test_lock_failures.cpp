@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "host/xvelmSys.h"
 #include "test_lock_support.h"
-#include "xvelmSys.h"
 
 using namespace locktest;
 

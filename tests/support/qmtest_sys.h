@@ -3,7 +3,7 @@
 #ifndef QMTEST_SYS_H
 #define QMTEST_SYS_H
 
-#include "xvelmSys.h"
+#include "host/xvelmSys.h"
 
 namespace qmtest {
 

@@ -1,0 +1,73 @@
+// Helpers of the lock option table's workers: full-path resolution through
+// qmioe (no mutex taken; the caller must not hold OptionMutex), pool copies of
+// QMChar text (the caller owns the copy), the raw option value of a request.
+#include "options/xvelmOptions.h"
+
+#include <cstring>
+
+#include "host/xvelmJournal.h"
+#include "host/xvelmPool.h"
+#include "host/xvelmQMChar.h"
+
+namespace xvelm::detail {
+
+FullPath::FullPath(const QMELMExtension *ext, QMJnlh jnl, NLScei enc) noexcept
+    : ext_(ext), qmioe_(ext->qmioeh), jnl_(jnl) {
+  parms_.jnl = jnl;
+  parms_.enc_pathname = enc;
+}
+
+QMStatus FullPath::resolve(const QMChar *path, QMStrSize len) noexcept {
+  if (path == nullptr) {
+    text_ = kRootPath.data();
+    len_ = kRootPath.size();
+    return 0;
+  }
+  // A path the system would cut short at a U+0000 is refused like a name.
+  if (const QMStatus rc = refuseNul(ext_, path, len > 0 ? static_cast<QMMemSize>(len) : 0, jnl_);
+      rc != 0)
+    return rc;
+  // The factory does not hand out an extension without qmioe; this only
+  // keeps a half-built object from crashing.
+  if (qmioe_ == nullptr) return QM_E_EXT_NOT_FOUND;
+  QMChar *full = nullptr;
+  QMStrSize fullLen = 0;
+  auto *ioe = reinterpret_cast<QMIOEExtension *>(qmioe_);
+  QMStatus rc = ioe->Functions.getFullPath(qmioe_, path, len, nullptr, nullptr, nullptr, nullptr,
+                                           &full, &fullLen, &parms_);
+  if (rc != 0) return rc;
+  owned_ = full;
+  text_ = full;
+  len_ = fullLen;
+  return 0;
+}
+
+QMStatus FullPath::giveBack() noexcept {
+  text_ = nullptr;
+  len_ = 0;
+  if (owned_ == nullptr) return 0;
+  QMChar *full = std::exchange(owned_, nullptr);
+  QMStatus rc =
+      reinterpret_cast<QMIOEExtension *>(qmioe_)->Functions.freeFullPath(qmioe_, full, &parms_);
+  if (rc != 0) journalStatus(jnl_, rc);
+  return rc;
+}
+
+PoolPtr<QMChar> copyText(QMPoolh pool, const QMChar *s, QMStrSize n) noexcept {
+  if (n < 0) return {};
+  // A zero-length copy still gets a block of its own, so that it can be freed
+  // like any other.
+  const std::size_t bytes = static_cast<std::size_t>(n > 0 ? n : 1) * sizeof(QMChar);
+  auto copy = PoolPtr<QMChar>::alloc(pool, bytes, 0);
+  if (copy && n > 0) std::memcpy(copy.get(), s, static_cast<std::size_t>(n) * sizeof(QMChar));
+  return copy;
+}
+
+int32_t requestedOption(const QMELMLockOption &option) noexcept {
+  static_assert(sizeof(QMELMLockOption) == sizeof(int32_t));
+  int32_t raw;
+  std::memcpy(&raw, &option, sizeof raw);
+  return raw;
+}
+
+}  // namespace xvelm::detail

@@ -1,7 +1,0 @@
-// Public entry of lock acquisition: forwards unchanged to its worker.
-#include "xvelm.h"
-
-QMELMLHndlp qmelmlockget(QMELMExtensionp ext, QMMemPtr lockParms, QMMemSize resType,
-                         QMMemSize lockType, QMJnlh jnl, int *qmrc) noexcept {
-  return xvelmLockGet(ext, lockParms, resType, lockType, jnl, qmrc);
-}

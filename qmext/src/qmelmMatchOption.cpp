@@ -1,6 +1,0 @@
-// Public entry of option matching: forwards unchanged to its worker.
-#include "xvelm.h"
-
-int qmelmmatchoption(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh jnl) noexcept {
-  return xvelmMatchOption(ext, parms, jnl);
-}

@@ -1,6 +1,0 @@
-// Public entry that gives a match result back: forwards unchanged to its worker.
-#include "xvelm.h"
-
-int qmelmreleasematch(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh jnl) noexcept {
-  return xvelmReleaseMatch(ext, parms, jnl);
-}
