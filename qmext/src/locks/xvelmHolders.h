@@ -6,8 +6,9 @@
  * function expects the node's NodeMutex held (or works on copies).
  *
  * The deliberate asymmetry, stated once: at acquisition a holder takes no
- * external lock when its type has 0x020 or 0x080 (option None), and is
- * counted in noexternal_lock; at release only 0x020 is tested, so a holder
+ * external lock when its type has QMELM_NOEXTERNAL_LOCK or QMELM_OPT_NONE,
+ * and is counted in noexternal_lock; at release only QMELM_NOEXTERNAL_LOCK is
+ * tested, so a holder
  * with option None is taken out of the counter of its external bit. Each
  * release still takes exactly one from the three external counters, so
  * their sum stays the number of holders and the node dies with its last.
@@ -26,9 +27,9 @@ inline constexpr QMMemSize kInternalLockBits =
 
 // The internal counters of a node, or copies of them being recounted.
 struct InternalCounts {
-  QMMemSize exclusive;     // int_exclusive (X)
-  QMMemSize nonexclusive;  // int_nonexclusive (S)
-  uint32_t nonshared;      // int_nonshared_nonexclusive (U)
+  QMMemSize exclusive;     // int_exclusive
+  QMMemSize nonexclusive;  // int_nonexclusive
+  uint32_t nonshared;      // int_nonshared_nonexclusive
 
   static InternalCounts of(const QMELMResLock &n) {
     return {n.int_exclusive, n.int_nonexclusive, n.int_nonshared_nonexclusive};
@@ -40,76 +41,78 @@ struct InternalCounts {
   }
 };
 
-// Would the request R mix shared and non-shared holders on a node whose
-// current type is N? Only asked of a node that has a type and takes internal
+// Would a request of type `request` mix shared and non-shared holders on a
+// node whose current type is `nodeType`? Only asked of a node that has a type and takes internal
 // locks. The cases are tested in this order on purpose: a shared holder is
 // the one kind that may join an exclusive holder, and the one kind of
 // exclusive holder that may join non-exclusive ones.
-[[nodiscard]] inline bool mixesSharing(QMMemSize N, QMMemSize R) {
-  const bool nShared = (N & QMELM_SHARED) != 0;
-  const bool rShared = (R & QMELM_SHARED) != 0;
-  const bool rExcl = (R & QMELM_INT_EXCLUSIVE) != 0;
-  if ((N & QMELM_INT_EXCLUSIVE) && nShared && !rShared) return true;
-  if ((N & QMELM_INT_NONEXCLUSIVE) && nShared && rExcl && !rShared) return true;
+[[nodiscard]] inline bool mixesSharing(QMMemSize nodeType, QMMemSize request) {
+  const bool nShared = (nodeType & QMELM_SHARED) != 0;
+  const bool rShared = (request & QMELM_SHARED) != 0;
+  const bool rExcl = (request & QMELM_INT_EXCLUSIVE) != 0;
+  if ((nodeType & QMELM_INT_EXCLUSIVE) && nShared && !rShared) return true;
+  if ((nodeType & QMELM_INT_NONEXCLUSIVE) && nShared && rExcl && !rShared) return true;
   if (!nShared) {
-    if ((N & QMELM_INT_EXCLUSIVE) && rShared) return true;
-    if ((N & QMELM_INT_NONEXCLUSIVE) && rExcl && rShared) return true;
+    if ((nodeType & QMELM_INT_EXCLUSIVE) && rShared) return true;
+    if ((nodeType & QMELM_INT_NONEXCLUSIVE) && rExcl && rShared) return true;
   }
   return false;
 }
 
-// A change of a holder's internal lock from type O to type T, made on
+// A change of a holder's internal lock from type `from` to type `to`, made on
 // copies of the counters: 0 with the copies recounted, or the conflict with
 // the copies as they may stand (the caller commits only on 0). A holder
 // without an internal lock, or a change that keeps the internal part, only
 // counts as it did.
-[[nodiscard]] inline QMStatus recountInternal(QMMemSize O, QMMemSize T, InternalCounts &c) {
-  if ((O & QMELM_NOINTERNAL_LOCK) || (O & kInternalLockBits) == (T & kInternalLockBits)) return 0;
-  const bool oExcl = O & QMELM_INT_EXCLUSIVE, oShared = O & QMELM_SHARED;
-  const bool tExcl = T & QMELM_INT_EXCLUSIVE, tShared = T & QMELM_SHARED;
-  QMMemSize &X = c.exclusive, &S = c.nonexclusive;
-  uint32_t &U = c.nonshared;
-  if (oExcl && !oShared) {
-    if (!tExcl) {  // to non-exclusive
-      --X, ++S;
-      if (!tShared) ++U;
+[[nodiscard]] inline QMStatus recountInternal(QMMemSize from, QMMemSize to, InternalCounts &c) {
+  if ((from & QMELM_NOINTERNAL_LOCK) || (from & kInternalLockBits) == (to & kInternalLockBits))
+    return 0;
+  const bool fromExcl = from & QMELM_INT_EXCLUSIVE, fromShared = from & QMELM_SHARED;
+  const bool toExcl = to & QMELM_INT_EXCLUSIVE, toShared = to & QMELM_SHARED;
+  QMMemSize &exclusive = c.exclusive, &nonexclusive = c.nonexclusive;
+  uint32_t &nonshared = c.nonshared;
+  if (fromExcl && !fromShared) {
+    if (!toExcl) {  // to non-exclusive
+      --exclusive, ++nonexclusive;
+      if (!toShared) ++nonshared;
     }
-  } else if (oExcl && oShared) {
-    if (!tExcl && tShared) {
-      --X, ++S;
-    } else if (!tExcl) {
-      --X, ++S, ++U;
-    } else if (!tShared && !(T & QMELM_INT_NONEXCLUSIVE) && S != 0) {
+  } else if (fromExcl && fromShared) {
+    if (!toExcl && toShared) {
+      --exclusive, ++nonexclusive;
+    } else if (!toExcl) {
+      --exclusive, ++nonexclusive, ++nonshared;
+    } else if (!toShared && !(to & QMELM_INT_NONEXCLUSIVE) && nonexclusive != 0) {
       return QMELM_E_INT_SHARE_CONFLICT;
     }
-  } else if (oShared) {  // non-exclusive shared
-    if (tShared && tExcl) {
-      if (X != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
-      if (U != 0) return QMELM_E_INT_SHARE_CONFLICT;
-      ++X, --S;
-    } else if (!tShared) {
-      if (X != 0) return QMELM_E_INT_SHARE_CONFLICT;
-      if (!tExcl) {
-        ++U;
+  } else if (fromShared) {  // non-exclusive shared
+    if (toShared && toExcl) {
+      if (exclusive != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
+      if (nonshared != 0) return QMELM_E_INT_SHARE_CONFLICT;
+      ++exclusive, --nonexclusive;
+    } else if (!toShared) {
+      if (exclusive != 0) return QMELM_E_INT_SHARE_CONFLICT;
+      if (!toExcl) {
+        ++nonshared;
       } else {
-        if (S - U >= 2) return QMELM_E_INT_SHARE_CONFLICT;
-        if (U != 0) return QMELM_E_INT_LOCKED_SHARED;
-        ++X, --S;
+        if (nonexclusive - nonshared >= 2) return QMELM_E_INT_SHARE_CONFLICT;
+        if (nonshared != 0) return QMELM_E_INT_LOCKED_SHARED;
+        ++exclusive, --nonexclusive;
       }
     }
   } else {  // non-exclusive non-shared
-    if (tShared && !tExcl) {
-      --U;
-    } else if (tShared) {
+    if (toShared && !toExcl) {
+      --nonshared;
+    } else if (toShared) {
       // A second exclusive holder is refused here as at acquisition: the
       // change would otherwise grant what no request can get.
-      if (X != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
-      if (U >= 2) return QMELM_E_INT_SHARE_CONFLICT;
-      --U, --S, ++X;
-    } else if (tExcl) {
-      if (X != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
-      if (S != U || S >= 2) return S == U ? QMELM_E_INT_LOCKED_SHARED : QMELM_E_INT_SHARE_CONFLICT;
-      ++X, --U, --S;
+      if (exclusive != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
+      if (nonshared >= 2) return QMELM_E_INT_SHARE_CONFLICT;
+      --nonshared, --nonexclusive, ++exclusive;
+    } else if (toExcl) {
+      if (exclusive != 0) return QMELM_E_INT_LOCKED_EXCLUSIVE;
+      if (nonexclusive != nonshared || nonexclusive >= 2)
+        return nonexclusive == nonshared ? QMELM_E_INT_LOCKED_SHARED : QMELM_E_INT_SHARE_CONFLICT;
+      ++exclusive, --nonshared, --nonexclusive;
     }
   }
   return 0;

@@ -303,8 +303,11 @@ bool releaseNeed(FileTurn &, FileLink &l, int fd) noexcept {
   }
   if (others == Need::None) return true;
   if (before != others && fd >= 0) {
-    // Down to what the others need: a lock given down is never refused by
-    // the system (no other process can conflict with less than it holds).
+    // Down to what the others need. No other process can conflict with less
+    // than the process holds, but the system may still refuse (ENOLCK,
+    // EINTR, a network file system's error): the failure is ignored, and the
+    // process keeps the stronger lock, which keeps others out longer than
+    // needed but never lets one in.
     struct flock req {};
     (void)sendLock(fd, others, req);
   }

@@ -29,45 +29,48 @@ namespace {
 using namespace xvelm::detail;
 
 constexpr QMMemSize kForbidden = QMELM_NOINTERNAL_LOCK | QMELM_NOEXTERNAL_LOCK | QMELM_OPT_NONE |
-                                 QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;  // 0x3b0
+                                 QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;
 constexpr QMMemSize kInternalBits = kInternalLockBits;
 constexpr QMMemSize kExternalBits = QMELM_EXT_EXCLUSIVE | QMELM_EXT_NONEXCLUSIVE;
 constexpr QMMemSize kOptionBits = QMELM_OPT_NONE | QMELM_OPT_FAIL | QMELM_OPT_CONTINUE;
 // A held type's external part (with "no external lock") and internal part
 // (with "shared" and "no internal lock"): what a change keeps of it when
 // the new type does not name that part.
-constexpr QMMemSize kHeldExternalPart = kExternalBits | QMELM_NOEXTERNAL_LOCK;  // 0x02c
+constexpr QMMemSize kHeldExternalPart = kExternalBits | QMELM_NOEXTERNAL_LOCK;
 constexpr QMMemSize kHeldInternalPart =
-    QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LOCK | QMELM_SHARED;  // 0x053
+    QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LOCK | QMELM_SHARED;
 constexpr QMStrSize kDescriptionChars = 1024;
 
 // A type no holder could have: bits no lock type defines, or two bits of
 // one part that exclude each other.
-bool invalidNewType(QMMemSize W) {
-  return (W & ~kDefinedLockTypeBits) != 0 ||
-         ((W & QMELM_INT_EXCLUSIVE) && (W & QMELM_INT_NONEXCLUSIVE)) ||
-         ((W & QMELM_EXT_EXCLUSIVE) && (W & QMELM_EXT_NONEXCLUSIVE)) ||
-         ((W & QMELM_SHARED) &&
-          !(W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LOCK)));
+bool invalidNewType(QMMemSize asked) {
+  return (asked & ~kDefinedLockTypeBits) != 0 ||
+         ((asked & QMELM_INT_EXCLUSIVE) && (asked & QMELM_INT_NONEXCLUSIVE)) ||
+         ((asked & QMELM_EXT_EXCLUSIVE) && (asked & QMELM_EXT_NONEXCLUSIVE)) ||
+         ((asked & QMELM_SHARED) &&
+          !(asked & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LOCK)));
 }
 
 // A change that asks for option or no-lock bits, or for a part of
 // the lock the handle does not take at all.
-bool changeNotAllowed(QMMemSize O, QMMemSize W) {
-  return (W & kForbidden) || ((W & kInternalBits) && (O & QMELM_NOINTERNAL_LOCK)) ||
-         ((W & kExternalBits) && (O & QMELM_NOEXTERNAL_LOCK));
+bool changeNotAllowed(QMMemSize held, QMMemSize asked) {
+  return (asked & kForbidden) || ((asked & kInternalBits) && (held & QMELM_NOINTERNAL_LOCK)) ||
+         ((asked & kExternalBits) && (held & QMELM_NOEXTERNAL_LOCK));
 }
 
-// The new type. Options stay; each part is W's when W names one
-// (the internal one only when it differs from O's), else O's.
-QMMemSize composeType(QMMemSize O, QMMemSize W) {
-  QMMemSize T = O & kOptionBits;
-  T |= (W & kExternalBits) ? (W & kExternalBits) : (O & kHeldExternalPart);
-  const QMMemSize wInternal = W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_SHARED);
-  const QMMemSize oInternal = O & kHeldInternalPart;
-  const bool wNames = (W & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE)) != 0;
-  T |= (wNames && wInternal != (oInternal & kInternalBits)) ? wInternal : oInternal;
-  return T;
+// The new type. Options stay; each part is the asked type's when it names
+// one (the internal part only when it differs from the held one), else the
+// held type's.
+QMMemSize composeType(QMMemSize held, QMMemSize asked) {
+  QMMemSize newType = held & kOptionBits;
+  newType |= (asked & kExternalBits) ? (asked & kExternalBits) : (held & kHeldExternalPart);
+  const QMMemSize askedInternal =
+      asked & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE | QMELM_SHARED);
+  const QMMemSize heldInternal = held & kHeldInternalPart;
+  const bool askedNames = (asked & (QMELM_INT_EXCLUSIVE | QMELM_INT_NONEXCLUSIVE)) != 0;
+  newType |= (askedNames && askedInternal != (heldInternal & kInternalBits)) ? askedInternal
+                                                                             : heldInternal;
+  return newType;
 }
 
 class Change {
@@ -80,7 +83,7 @@ class Change {
         parms_(parms),
         jnl_(jnl) {}
 
-  [[nodiscard]] QMStatus run(QMMemSize W) noexcept;
+  [[nodiscard]] QMStatus run(QMMemSize asked) noexcept;
 
  private:
   XVELMFileLock &file() const { return node_->pub; }
@@ -89,11 +92,12 @@ class Change {
     return FailureText{head, file().ID.Filename, static_cast<QMStrSize>(file().ID.FilenameLen),
                        tail, err};
   }
-  [[nodiscard]] QMStatus reportTypes(QMStatus st, QMMemSize O, QMMemSize W) const;
+  [[nodiscard]] QMStatus reportTypes(QMStatus st, QMMemSize held, QMMemSize asked) const;
   [[nodiscard]] QMStatus reportConflict(QMStatus st) const;
   [[nodiscard]] QMStatus switchDescriptor() noexcept;
   [[nodiscard]] QMStatus openSwitched(XVELMFileDescriptorp *out) noexcept;
-  [[nodiscard]] QMStatus recordLock(QMMemSize T, QMMemSize E0, QMMemSize E, QMMemSize N) noexcept;
+  [[nodiscard]] QMStatus recordLock(QMMemSize newType, QMMemSize exclusiveBefore,
+                                    QMMemSize exclusive, QMMemSize nonexclusive) noexcept;
   void rollBack() noexcept;
 
   QMELMLHndlp lock_;
@@ -111,16 +115,16 @@ class Change {
 };
 
 // The failure's text, then two descriptions (old and new) or one (new).
-QMStatus Change::reportTypes(QMStatus st, QMMemSize O, QMMemSize W) const {
+QMStatus Change::reportTypes(QMStatus st, QMMemSize held, QMMemSize asked) const {
   Message msg(ext_, jnl_);
   if (!msg.active()) return st;
   QMChar oldText[kDescriptionChars], newText[kDescriptionChars * 4];
-  if (xvelmBuildLockTypeMsg(ext_, W, newText, kDescriptionChars * 4, jnl_) != 0) return st;
+  if (xvelmBuildLockTypeMsg(ext_, asked, newText, kDescriptionChars * 4, jnl_) != 0) return st;
   msg.status(st);
   if (st == QMELM_E_INVALID_LOCKTYPE) {
     msg.status(QMELM_M_LOCKTYPE_IS, newText);
   } else {
-    if (xvelmBuildLockTypeMsg(ext_, O, oldText, kDescriptionChars, jnl_) != 0) return st;
+    if (xvelmBuildLockTypeMsg(ext_, held, oldText, kDescriptionChars, jnl_) != 0) return st;
     msg.status(QMELM_M_LOCKTYPE_CHANGE, oldText, newText);
   }
   (void)msg.journal();
@@ -226,10 +230,11 @@ void Change::rollBack() noexcept {
 // The record lock follows the new external counts, through the file
 // table (which sends nothing when another node of the file needs the lock
 // as it is). Returns 0 to commit, or the refusal.
-QMStatus Change::recordLock(QMMemSize T, QMMemSize E0, QMMemSize E, QMMemSize N) noexcept {
-  if ((E0 != 0) == (E != 0)) return 0;
+QMStatus Change::recordLock(QMMemSize newType, QMMemSize exclusiveBefore, QMMemSize exclusive,
+                            QMMemSize nonexclusive) noexcept {
+  if ((exclusiveBefore != 0) == (exclusive != 0)) return 0;
   const int fd = h_->FDP != nullptr ? h_->FDP->fd : -1;
-  RecordLockResult r = setRecordLock(node_, needOf(E, N), fd);
+  RecordLockResult r = setRecordLock(node_, needOf(exclusive, nonexclusive), fd);
   int err = r.err;
   switch (r.outcome) {
     case RecordLockResult::Outcome::Granted:
@@ -246,9 +251,9 @@ QMStatus Change::recordLock(QMMemSize T, QMMemSize E0, QMMemSize E, QMMemSize N)
     case RecordLockResult::Outcome::Refused:
       break;
   }
-  QMStatus st = analyseRefusal(fd, r.req, err, T, RefusalRules::Change, parms_).status;
+  QMStatus st = analyseRefusal(fd, r.req, err, newType, RefusalRules::Change, parms_).status;
   if (st == 0) {
-    if (T & QMELM_OPT_CONTINUE) {
+    if (newType & QMELM_OPT_CONTINUE) {
       // Asked to go on whatever the record lock does: committed as if the
       // lock had been obtained, without a failure message.
       file().FcntlLockSet = 1;
@@ -261,38 +266,39 @@ QMStatus Change::recordLock(QMMemSize T, QMMemSize E0, QMMemSize E, QMMemSize N)
   return st;
 }
 
-QMStatus Change::run(QMMemSize W) noexcept {
-  const QMMemSize O = lock_->Private.LockType;
-  if (invalidNewType(W)) return reportTypes(QMELM_E_INVALID_LOCKTYPE, O, W);
-  if (changeNotAllowed(O, W)) return reportTypes(QMELM_E_CHANGE_NOT_ALLOWED, O, W);
-  const QMMemSize T = composeType(O, W);
+QMStatus Change::run(QMMemSize asked) noexcept {
+  const QMMemSize held = lock_->Private.LockType;
+  if (invalidNewType(asked)) return reportTypes(QMELM_E_INVALID_LOCKTYPE, held, asked);
+  if (changeNotAllowed(held, asked)) return reportTypes(QMELM_E_CHANGE_NOT_ALLOWED, held, asked);
+  const QMMemSize newType = composeType(held, asked);
 
   MutexGuard nm(res().NodeMutex, Rank::Node);
   if (!nm) return journaled(jnl_, nm.status());
   if (isDead(&res())) return journaled(jnl_, QMELM_E_DEAD_NODE);
 
   InternalCounts internal = InternalCounts::of(res());
-  if (const QMStatus st = recountInternal(O, T, internal); st != 0) return reportConflict(st);
+  if (const QMStatus st = recountInternal(held, newType, internal); st != 0)
+    return reportConflict(st);
 
-  const QMMemSize E0 = res().ext_exclusive;
-  QMMemSize E = E0, N = res().ext_nonexclusive;
-  if (!(O & kNoExternalAtAcquisition) && (T & kExternalBits)) {
-    if ((O & QMELM_EXT_EXCLUSIVE) && (T & QMELM_EXT_NONEXCLUSIVE))
-      --E, ++N;
-    else if (!(O & QMELM_EXT_EXCLUSIVE) && (T & QMELM_EXT_EXCLUSIVE))
-      ++E, --N;
+  const QMMemSize exclusiveBefore = res().ext_exclusive;
+  QMMemSize exclusive = exclusiveBefore, nonexclusive = res().ext_nonexclusive;
+  if (!(held & kNoExternalAtAcquisition) && (newType & kExternalBits)) {
+    if ((held & QMELM_EXT_EXCLUSIVE) && (newType & QMELM_EXT_NONEXCLUSIVE))
+      --exclusive, ++nonexclusive;
+    else if (!(held & QMELM_EXT_EXCLUSIVE) && (newType & QMELM_EXT_EXCLUSIVE))
+      ++exclusive, --nonexclusive;
   }
 
   if (const QMStatus st = switchDescriptor(); st != 0) return st;
-  if (const QMStatus st = recordLock(T, E0, E, N); st != 0) {
+  if (const QMStatus st = recordLock(newType, exclusiveBefore, exclusive, nonexclusive); st != 0) {
     rollBack();
     return st;
   }
   // A new descriptor asked for with O_TRUNC empties the file only now, with
   // the lock granted; a failure undoes the change, record lock included.
   if (const int err = truncate_ ? truncateGranted(newFdp_->fd) : 0; err != 0) {
-    if ((E0 != 0) != (E != 0))
-      (void)setRecordLock(node_, needOf(E0, res().ext_nonexclusive), h_->FDP->fd);
+    if ((exclusiveBefore != 0) != (exclusive != 0))
+      (void)setRecordLock(node_, needOf(exclusiveBefore, res().ext_nonexclusive), h_->FDP->fd);
     rollBack();
     parms_->Errno = err;
     const QMStatus st = openFailureStatus(err, OpenCaller::Change);
@@ -301,15 +307,15 @@ QMStatus Change::run(QMMemSize W) noexcept {
   }
 
   // Commit.
-  res().ext_exclusive = E;
-  res().ext_nonexclusive = N;
+  res().ext_exclusive = exclusive;
+  res().ext_nonexclusive = nonexclusive;
   if (newFdp_ != nullptr && oldFdp_ != nullptr) {
     unlinkDescriptor(file().OpenFileDescriptorList, oldFdp_);
     pushDescriptor(file().ClosedFileDescriptorList, oldFdp_);
   }
   internal.storeIn(res());
-  lock_->Private.LockType = T;
-  parms_->AcquiredLockType = T;
+  lock_->Private.LockType = newType;
+  parms_->AcquiredLockType = newType;
   return 0;
 }
 

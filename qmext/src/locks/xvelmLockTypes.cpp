@@ -1,4 +1,4 @@
-// Lock types: the rule that decides which bit combinations are acceptable,
+// The lock-type rules: which bit combinations are acceptable,
 // and the readable description of a type used in error messages. No mutex is
 // taken. Validation allocates one message buffer from the extension's pool
 // only when it reports to a journal, and frees it before returning.
@@ -12,15 +12,16 @@ using namespace xvelm::detail;
 namespace {
 
 constexpr QMMemSize kInternalExclusive = QMELM_INT_EXCLUSIVE;
-constexpr QMMemSize kInternalPart = QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LOCK;  // 0x012
-constexpr QMMemSize kExternalPart = QMELM_EXT_NONEXCLUSIVE | QMELM_NOEXTERNAL_LOCK;  // 0x028
+constexpr QMMemSize kInternalPart = QMELM_INT_NONEXCLUSIVE | QMELM_NOINTERNAL_LOCK;
+constexpr QMMemSize kExternalPart = QMELM_EXT_NONEXCLUSIVE | QMELM_NOEXTERNAL_LOCK;
 
 bool acceptable(QMMemSize t) {
   // Bits that no lock type defines are refused: granting them as given
   // would let a caller's typo pass for a lock.
   if (t & ~kDefinedLockTypeBits) return false;
-  // Internal part. 0x011 passes: the exclusive bit alone decides here, and
-  // callers rely on that combination being accepted.
+  // Internal part. Exclusive beside QMELM_NOINTERNAL_LOCK passes: the
+  // exclusive bit alone decides here, and callers rely on that combination
+  // being accepted.
   if (t & kInternalExclusive) {
     if (t & QMELM_INT_NONEXCLUSIVE) return false;
   } else if ((t & kInternalPart) == 0) {
