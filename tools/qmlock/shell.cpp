@@ -17,6 +17,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -25,33 +26,6 @@
 
 namespace qmlock {
 namespace {
-
-constexpr const char *kHelp[] = {
-    "get NAME PATH [TYPE] [open=FLAGS] [mode=OCTAL] [delete]",
-    "    lock PATH as handle NAME; TYPE: names joined by ',' (int-excl int-nonexcl",
-    "    ext-excl ext-nonexcl no-int no-ext shared opt-none opt-fail opt-continue)",
-    "    or a number, default int-excl,ext-excl; FLAGS: rdonly|wronly|rdwr with",
-    "    creat excl trunc append, default rdwr,creat; delete: delete on close",
-    "change NAME TYPE [open=FLAGS]    change the lock's type (and descriptor)",
-    "release NAME [delete]            release the lock (delete the file on close)",
-    "handles                          list the handles held",
-    "option set PATH Fail|None|Continue",
-    "    what a refused record lock means for locks under PATH whose TYPE names",
-    "    no option (\"/\" is Fail until set): Fail: the lock fails; None: no record",
-    "    lock is taken, only this process's threads are arbitrated; Continue: a",
-    "    refusal whose holder cannot be determined is committed as if granted",
-    "option reset PATH                remove PATH's option and those below it",
-    "option list                      the option table",
-    "option match PATH                the option that governs PATH",
-    "io update NAME [reads=N] [writes=N] [seeks=N] [bytes-read=N] [bytes-written=N]",
-    "io get|list [file=PATH] [dir=PATH] [nolock]    I/O totals, or the records",
-    "io report                        the I/O report as journaled",
-    "io reset                         zero open files' records, forget closed ones",
-    "journal [N]                      the last N messages journaled (default 10)",
-    "sleep SECONDS",
-    "expect error CODE COMMAND...     COMMAND must fail with CODE (name or 0x...)",
-    "help, quit",
-};
 
 // Splits a line into words: blanks separate, '...' and "..." group (with \"
 // and \\ inside double quotes), # begins a comment. Nothing for an unclosed quote.
@@ -124,6 +98,9 @@ std::string countsText(const elm::IOCounts &c) {
          " bytes-written=" + std::to_string(c.bytes_written) + " seeks=" + std::to_string(c.seeks);
 }
 
+// The usage of "expect", which line() handles before any command.
+constexpr const char *kExpectUsage = "expect error CODE COMMAND...";
+
 // A usage mistake in a command line.
 struct Misuse {
   std::string text;
@@ -151,7 +128,7 @@ class Shell {
     std::vector<std::string> args = *w;
     std::optional<QMStatus> expected;
     if (args[0] == "expect") {
-      if (args.size() < 4 || args[1] != "error") return misuse("expect error CODE COMMAND...");
+      if (args.size() < 4 || args[1] != "error") return misuse(kExpectUsage);
       expected = elm::parse_status(args[2]);
       if (!expected || *expected == 0) return misuse("unknown status '" + args[2] + "'");
       args.erase(args.begin(), args.begin() + 3);
@@ -248,61 +225,83 @@ class Shell {
     return out;
   }
 
-  Reply run(const std::vector<std::string> &a) {
-    const std::string &cmd = a[0];
-    if (cmd == "get") return get(a);
-    if (cmd == "change") {
-      need(a.size() >= 3, "change NAME TYPE [open=FLAGS]");
-      elm::FileLock &l = handle(a[1]);
-      std::optional<uint32_t> flags;
-      for (const auto &[k, v] : keywords(a, 3)) {
-        need(k == "open", "change NAME TYPE [open=FLAGS]");
-        flags = openFlags(v);
-      }
-      Reply r{l.change(lockType(a[2]), flags)};
-      r.ok = describe(a[1], l);
-      return r;
+  // One command of the shell: its words, its usage (the help line and the
+  // misuse message), its help text, and the member that runs it.
+  using Handler = Reply (Shell::*)(const std::vector<std::string> &a, const char *usage);
+  struct Command {
+    const char *word;     // the first word
+    const char *sub;      // the second word ('|' between alternatives), or null
+    const char *usage;    // the command line as help shows it
+    const char *summary;  // help: after the usage on its line, or null
+    const char *details;  // help: lines indented below the usage, or null
+    Handler handler;      // null: handled by line() itself
+  };
+  static const Command kCommands[];
+
+  // Runs the command a names, or throws Misuse.
+  Reply run(const std::vector<std::string> &a);
+
+  // Whether word is one of the '|'-separated alternatives.
+  static bool hasAlternative(std::string_view alternatives, std::string_view word) {
+    for (;;) {
+      const size_t bar = alternatives.find('|');
+      if (alternatives.substr(0, bar) == word) return true;
+      if (bar == std::string_view::npos) return false;
+      alternatives.remove_prefix(bar + 1);
     }
-    if (cmd == "release") {
-      need(a.size() == 2 || (a.size() == 3 && a[2] == "delete"), "release NAME [delete]");
-      elm::FileLock &l = handle(a[1]);
-      if (a.size() == 3) l.set_delete_on_close(true);
-      Reply r{l.release()};
-      handles_.erase(a[1]);
-      r.ok = a[1] + " released";
-      return r;
-    }
-    if (cmd == "handles") {
-      for (const auto &[name, l] : handles_)
-        std::printf("  %s %s\n", describe(name, l).c_str(), l.path().c_str());
-      return {elm::Result(), std::to_string(handles_.size()) + " handles"};
-    }
-    if (cmd == "option") return option(a);
-    if (cmd == "io") return io(a);
-    if (cmd == "journal") {
-      need(a.size() <= 2, "journal [N]");
-      const size_t n = a.size() == 2 ? static_cast<size_t>(number(a[1])) : 10;
-      const size_t from = journal_.size() > n ? journal_.size() - n : 0;
-      for (size_t i = from; i < journal_.size(); ++i) std::printf("  %s\n", journal_[i].c_str());
-      return {elm::Result(), std::to_string(journal_.size() - from) + " messages"};
-    }
-    if (cmd == "sleep") {
-      need(a.size() == 2, "sleep SECONDS");
-      char *end = nullptr;
-      const double s = std::strtod(a[1].c_str(), &end);
-      need(end != a[1].c_str() && *end == '\0' && s >= 0 && s < 1e6, "sleep SECONDS");
-      std::this_thread::sleep_for(std::chrono::duration<double>(s));
-      return {};
-    }
-    if (cmd == "help") {
-      for (const char *h : kHelp) std::printf("  %s\n", h);
-      return {};
-    }
-    throw Misuse{"unknown command '" + cmd + "'"};
   }
 
-  Reply get(const std::vector<std::string> &a) {
-    const char *usage = "get NAME PATH [TYPE] [open=FLAGS] [mode=OCTAL] [delete]";
+  // Lists every command: its usage, then its summary from column 33 (at
+  // least four blanks after the usage), or its details indented below.
+  Reply help(const std::vector<std::string> &, const char *);
+
+  Reply change(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() >= 3, usage);
+    elm::FileLock &l = handle(a[1]);
+    std::optional<uint32_t> flags;
+    for (const auto &[k, v] : keywords(a, 3)) {
+      need(k == "open", usage);
+      flags = openFlags(v);
+    }
+    Reply r{l.change(lockType(a[2]), flags)};
+    r.ok = describe(a[1], l);
+    return r;
+  }
+
+  Reply release(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() == 2 || (a.size() == 3 && a[2] == "delete"), usage);
+    elm::FileLock &l = handle(a[1]);
+    if (a.size() == 3) l.set_delete_on_close(true);
+    Reply r{l.release()};
+    handles_.erase(a[1]);
+    r.ok = a[1] + " released";
+    return r;
+  }
+
+  Reply listHandles(const std::vector<std::string> &, const char *) {
+    for (const auto &[name, l] : handles_)
+      std::printf("  %s %s\n", describe(name, l).c_str(), l.path().c_str());
+    return {elm::Result(), std::to_string(handles_.size()) + " handles"};
+  }
+
+  Reply journal(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() <= 2, usage);
+    const size_t n = a.size() == 2 ? static_cast<size_t>(number(a[1])) : 10;
+    const size_t from = journal_.size() > n ? journal_.size() - n : 0;
+    for (size_t i = from; i < journal_.size(); ++i) std::printf("  %s\n", journal_[i].c_str());
+    return {elm::Result(), std::to_string(journal_.size() - from) + " messages"};
+  }
+
+  Reply sleep(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() == 2, usage);
+    char *end = nullptr;
+    const double s = std::strtod(a[1].c_str(), &end);
+    need(end != a[1].c_str() && *end == '\0' && s >= 0 && s < 1e6, usage);
+    std::this_thread::sleep_for(std::chrono::duration<double>(s));
+    return {};
+  }
+
+  Reply get(const std::vector<std::string> &a, const char *usage) {
     need(a.size() >= 3, usage);
     need(handles_.count(a[1]) == 0, "the handle name is in use; release it first");
     size_t next = 3;
@@ -332,88 +331,83 @@ class Shell {
     return r;
   }
 
-  Reply option(const std::vector<std::string> &a) {
-    const std::string sub = a.size() > 1 ? a[1] : "";
-    if (sub == "set") {
-      need(a.size() == 4, "option set PATH Fail|None|Continue");
-      std::optional<QMELMLockOption> o = elm::parse_option(a[3]);
-      need(o && *o != QMELM_Reset, "option set PATH Fail|None|Continue");
-      return {lm_.set_option(a[2], *o)};
-    }
-    if (sub == "reset") {
-      need(a.size() == 3, "option reset PATH");
-      return {lm_.reset_option(a[2])};
-    }
-    if (sub == "list") {
-      need(a.size() == 2, "option list");
-      auto [entries, result] = lm_.options();
-      for (const elm::OptionEntry &e : entries)
-        std::printf("  %s %s\n", e.fullpath.c_str(),
-                    std::string(elm::option_name(e.option)).c_str());
-      return {std::move(result), std::to_string(entries.size()) + " options"};
-    }
-    if (sub == "match") {
-      need(a.size() == 3, "option match PATH");
-      auto [m, result] = lm_.match(a[2]);
-      return {std::move(result), std::string(elm::option_name(m.option)) + " " + m.matchpath};
-    }
-    throw Misuse{"option set|reset|list|match ..."};
+  Reply optionSet(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() == 4, usage);
+    std::optional<QMELMLockOption> o = elm::parse_option(a[3]);
+    need(o && *o != QMELM_Reset, usage);
+    return {lm_.set_option(a[2], *o)};
   }
 
-  Reply io(const std::vector<std::string> &a) {
-    const std::string sub = a.size() > 1 ? a[1] : "";
-    if (sub == "update") {
-      const char *usage =
-          "io update NAME [reads=N] [writes=N] [seeks=N] [bytes-read=N] [bytes-written=N]";
-      need(a.size() >= 3, usage);
-      elm::FileLock &l = handle(a[2]);
-      elm::IOCounts c;
-      for (const auto &[k, v] : keywords(a, 3)) {
-        QMIOSize *field = k == "reads"           ? &c.reads
-                          : k == "writes"        ? &c.writes
-                          : k == "seeks"         ? &c.seeks
-                          : k == "bytes-read"    ? &c.bytes_read
-                          : k == "bytes-written" ? &c.bytes_written
-                                                 : nullptr;
-        need(field != nullptr, usage);
-        *field = number(v);
+  Reply optionReset(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() == 3, usage);
+    return {lm_.reset_option(a[2])};
+  }
+
+  Reply optionList(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() == 2, usage);
+    auto [entries, result] = lm_.options();
+    for (const elm::OptionEntry &e : entries)
+      std::printf("  %s %s\n", e.fullpath.c_str(), std::string(elm::option_name(e.option)).c_str());
+    return {std::move(result), std::to_string(entries.size()) + " options"};
+  }
+
+  Reply optionMatch(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() == 3, usage);
+    auto [m, result] = lm_.match(a[2]);
+    return {std::move(result), std::string(elm::option_name(m.option)) + " " + m.matchpath};
+  }
+
+  Reply ioUpdate(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() >= 3, usage);
+    elm::FileLock &l = handle(a[2]);
+    elm::IOCounts c;
+    for (const auto &[k, v] : keywords(a, 3)) {
+      QMIOSize *field = k == "reads"           ? &c.reads
+                        : k == "writes"        ? &c.writes
+                        : k == "seeks"         ? &c.seeks
+                        : k == "bytes-read"    ? &c.bytes_read
+                        : k == "bytes-written" ? &c.bytes_written
+                                               : nullptr;
+      need(field != nullptr, usage);
+      *field = number(v);
+    }
+    return {l.update_io(c)};
+  }
+
+  Reply ioSelect(const std::vector<std::string> &a, const char *usage) {
+    elm::IOSelection s;
+    for (const auto &[k, v] : keywords(a, 2, {"nolock"})) {
+      if (k == "file") {
+        s.file = v;
+      } else if (k == "dir") {
+        s.dir = v;
+      } else if (k == "nolock") {
+        s.consistent = false;
+      } else {
+        throw Misuse{usage};
       }
-      return {l.update_io(c)};
     }
-    if (sub == "get" || sub == "list") {
-      elm::IOSelection s;
-      for (const auto &[k, v] : keywords(a, 2, {"nolock"})) {
-        if (k == "file") {
-          s.file = v;
-        } else if (k == "dir") {
-          s.dir = v;
-        } else if (k == "nolock") {
-          s.consistent = false;
-        } else {
-          throw Misuse{"io get|list [file=PATH] [dir=PATH] [nolock]"};
-        }
-      }
-      if (sub == "get") {
-        auto [t, result] = lm_.io_totals(s);
-        return {std::move(result), std::to_string(t.records) + " records " + countsText(t.counts)};
-      }
-      auto [records, result] = lm_.io_records(s);
-      for (const elm::IORecord &rec : records)
-        std::printf("  %s %s open=%s %s\n", rec.file.c_str(), rec.is_open() ? "open" : "closed",
-                    openFlagsText(rec.open_flags).c_str(), countsText(rec.counts).c_str());
-      return {std::move(result), std::to_string(records.size()) + " records"};
+    if (a[1] == "get") {
+      auto [t, result] = lm_.io_totals(s);
+      return {std::move(result), std::to_string(t.records) + " records " + countsText(t.counts)};
     }
-    if (sub == "report") {
-      need(a.size() == 2, "io report");
-      auto [lines, result] = lm_.io_report();
-      for (const std::string &l : lines) std::printf("  %s\n", l.c_str());
-      return {std::move(result), std::to_string(lines.size()) + " lines"};
-    }
-    if (sub == "reset") {
-      need(a.size() == 2, "io reset");
-      return {lm_.io_reset()};
-    }
-    throw Misuse{"io update|get|list|report|reset ..."};
+    auto [records, result] = lm_.io_records(s);
+    for (const elm::IORecord &rec : records)
+      std::printf("  %s %s open=%s %s\n", rec.file.c_str(), rec.is_open() ? "open" : "closed",
+                  openFlagsText(rec.open_flags).c_str(), countsText(rec.counts).c_str());
+    return {std::move(result), std::to_string(records.size()) + " records"};
+  }
+
+  Reply ioReport(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() == 2, usage);
+    auto [lines, result] = lm_.io_report();
+    for (const std::string &l : lines) std::printf("  %s\n", l.c_str());
+    return {std::move(result), std::to_string(lines.size()) + " lines"};
+  }
+
+  Reply ioReset(const std::vector<std::string> &a, const char *usage) {
+    need(a.size() == 2, usage);
+    return {lm_.io_reset()};
   }
 
   elm::Host host_;
@@ -421,6 +415,76 @@ class Shell {
   std::map<std::string, elm::FileLock> handles_;  // released before lm_ goes
   std::deque<std::string> journal_;               // messages of failed commands
 };
+
+// Every command, in the order help lists them.
+const Shell::Command Shell::kCommands[] = {
+    {"get", nullptr, "get NAME PATH [TYPE] [open=FLAGS] [mode=OCTAL] [delete]", nullptr,
+     "lock PATH as handle NAME; TYPE: names joined by ',' (int-excl int-nonexcl\n"
+     "ext-excl ext-nonexcl no-int no-ext shared opt-none opt-fail opt-continue)\n"
+     "or a number, default int-excl,ext-excl; FLAGS: rdonly|wronly|rdwr with\n"
+     "creat excl trunc append, default rdwr,creat; delete: delete on close",
+     &Shell::get},
+    {"change", nullptr, "change NAME TYPE [open=FLAGS]", "change the lock's type (and descriptor)",
+     nullptr, &Shell::change},
+    {"release", nullptr, "release NAME [delete]", "release the lock (delete the file on close)",
+     nullptr, &Shell::release},
+    {"handles", nullptr, "handles", "list the handles held", nullptr, &Shell::listHandles},
+    {"option", "set", "option set PATH Fail|None|Continue", nullptr,
+     "what a refused record lock means for locks under PATH whose TYPE names\n"
+     "no option (\"/\" is Fail until set): Fail: the lock fails; None: no record\n"
+     "lock is taken, only this process's threads are arbitrated; Continue: a\n"
+     "refusal whose holder cannot be determined is committed as if granted",
+     &Shell::optionSet},
+    {"option", "reset", "option reset PATH", "remove PATH's option and those below it", nullptr,
+     &Shell::optionReset},
+    {"option", "list", "option list", "the option table", nullptr, &Shell::optionList},
+    {"option", "match", "option match PATH", "the option that governs PATH", nullptr,
+     &Shell::optionMatch},
+    {"io", "update",
+     "io update NAME [reads=N] [writes=N] [seeks=N] [bytes-read=N] [bytes-written=N]", nullptr,
+     nullptr, &Shell::ioUpdate},
+    {"io", "get|list", "io get|list [file=PATH] [dir=PATH] [nolock]", "I/O totals, or the records",
+     nullptr, &Shell::ioSelect},
+    {"io", "report", "io report", "the I/O report as journaled", nullptr, &Shell::ioReport},
+    {"io", "reset", "io reset", "zero open files' records, forget closed ones", nullptr,
+     &Shell::ioReset},
+    {"journal", nullptr, "journal [N]", "the last N messages journaled (default 10)", nullptr,
+     &Shell::journal},
+    {"sleep", nullptr, "sleep SECONDS", nullptr, nullptr, &Shell::sleep},
+    {"expect", nullptr, kExpectUsage, "COMMAND must fail with CODE (name or 0x...)", nullptr,
+     nullptr},
+    {"help", nullptr, "help, quit", nullptr, nullptr, &Shell::help},
+};
+
+Reply Shell::run(const std::vector<std::string> &a) {
+  const Command *first = nullptr;
+  std::string subs;  // the alternatives of the second word, for a misuse
+  for (const Command &c : kCommands) {
+    if (c.word != a[0] || c.handler == nullptr) continue;
+    if (first == nullptr) first = &c;
+    if (c.sub == nullptr) return (this->*c.handler)(a, c.usage);
+    if (a.size() > 1 && hasAlternative(c.sub, a[1])) return (this->*c.handler)(a, c.usage);
+    subs += (subs.empty() ? "" : "|") + std::string(c.sub);
+  }
+  if (first == nullptr) throw Misuse{"unknown command '" + a[0] + "'"};
+  throw Misuse{a[0] + " " + subs + " ..."};
+}
+
+Reply Shell::help(const std::vector<std::string> &, const char *) {
+  for (const Command &c : kCommands) {
+    std::string line = c.usage;
+    if (c.summary != nullptr)
+      line += std::string(line.size() + 4 > 33 ? 4 : 33 - line.size(), ' ') + c.summary;
+    std::printf("  %s\n", line.c_str());
+    for (const char *d = c.details; d != nullptr && *d != '\0';) {
+      const char *end = std::strchr(d, '\n');
+      const size_t len = end != nullptr ? static_cast<size_t>(end - d) : std::strlen(d);
+      std::printf("      %.*s\n", static_cast<int>(len), d);
+      d = end != nullptr ? end + 1 : d + len;
+    }
+  }
+  return {};
+}
 
 }  // namespace
 
