@@ -232,6 +232,89 @@ void shellCommand(Request &req, const char *line) {
                  const_cast<char *>("-c"), const_cast<char *>(line)};
 }
 
+// -w SECONDS: fractions allowed, 0 to 1e9.
+std::optional<int> parseTimeout(const Voice &v, const char *text, Request &req) {
+  char *end = nullptr;
+  errno = 0;
+  const long double s = *text != '\0' ? std::strtold(text, &end) : -1;
+  if (errno != 0 || end == text || (end != nullptr && *end != '\0') || !(s >= 0) || s > 1e9) {
+    v.warnx("invalid timeout value: '%s'", text);
+    return kExitUsage;
+  }
+  req.timeout = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<long double>(s));
+  req.timeoutText = text;
+  return std::nullopt;
+}
+
+// -E N: an integer, then 0 to 255.
+std::optional<int> parseExitCode(const Voice &v, const char *text, Request &req) {
+  char *end = nullptr;
+  errno = 0;
+  const long n = std::strtol(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0' || n < INT32_MIN || n > INT32_MAX) {
+    v.warnx("invalid exit code: '%s'", text);
+    return kExitUsage;
+  }
+  if (n < 0 || n > 255) {
+    v.warnx("exit code out of range (expected 0 to 255)");
+    return kExitUsage;
+  }
+  req.conflictExit = static_cast<int>(n);
+  return std::nullopt;
+}
+
+// --start OFFSET or --length N (a byte count); either implies --fcntl. The
+// misspelt message is util-linux's own.
+std::optional<int> parseRange(const Voice &v, const char *text, bool start, Request &req) {
+  const std::optional<off_t> n = parseSize(text);
+  if (!n) {
+    v.warnx("%s: '%s'", start ? "invalid as start offset" : "invalid as lenght of lock range",
+            text);
+    return kExitUsage;
+  }
+  (start ? req.start : req.length) = *n;
+  req.api = Api::ofd;
+  return std::nullopt;
+}
+
+// The operands after the options: with --fd, COMMAND (or -c's line); else
+// FILE with -c LINE, FILE COMMAND..., FILE -c LINE, or a descriptor number.
+std::optional<int> parseOperands(int argc, char **argv, const Voice &v, bool fdOption,
+                                 Request &req) {
+  if (fdOption) {
+    // --fd FD [COMMAND...]: the descriptor, then what runs while it is locked.
+    if (req.shellLine != nullptr && optind < argc) {
+      v.warnx("--command cannot be given with a command");
+      return kExitUsage;
+    }
+    if (req.shellLine != nullptr)
+      shellCommand(req, req.shellLine);
+    else
+      req.command.assign(argv + optind, argv + argc);
+  } else if (req.shellLine != nullptr && argc == optind + 1) {
+    req.file = argv[optind];
+    shellCommand(req, req.shellLine);
+  } else if (argc > optind + 1) {
+    req.file = argv[optind];
+    const char *next = argv[optind + 1];
+    if (std::strcmp(next, "-c") == 0 || std::strcmp(next, "--command") == 0) {
+      if (argc != optind + 3) {
+        v.warnx("%s requires exactly one command argument", next);
+        return kExitUsage;
+      }
+      shellCommand(req, argv[optind + 2]);
+    } else {
+      req.command.assign(argv + optind + 1, argv + argc);
+    }
+  } else if (optind < argc) {
+    if (std::optional<int> bad = parseDescriptor(v, argv[optind], req.fd)) return bad;
+  } else {
+    v.warnx("requires file descriptor, file or directory");
+    return kExitUsage;
+  }
+  return std::nullopt;
+}
+
 // Parses the command line into req; returns an exit code when there is
 // nothing more to do (help, version, a usage error).
 std::optional<int> parse(int argc, char **argv, const Voice &v, Request &req) {
@@ -287,35 +370,12 @@ std::optional<int> parse(int argc, char **argv, const Voice &v, Request &req) {
       case 'c':
         req.shellLine = optarg;
         break;
-      case 'w': {
-        char *end = nullptr;
-        errno = 0;
-        const long double s = *optarg != '\0' ? std::strtold(optarg, &end) : -1;
-        if (errno != 0 || end == optarg || (end != nullptr && *end != '\0') || !(s >= 0) ||
-            s > 1e9) {
-          v.warnx("invalid timeout value: '%s'", optarg);
-          return kExitUsage;
-        }
-        req.timeout =
-            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<long double>(s));
-        req.timeoutText = optarg;
+      case 'w':
+        if (std::optional<int> bad = parseTimeout(v, optarg, req)) return bad;
         break;
-      }
-      case 'E': {
-        char *end = nullptr;
-        errno = 0;
-        const long n = std::strtol(optarg, &end, 10);
-        if (errno != 0 || end == optarg || *end != '\0' || n < INT32_MIN || n > INT32_MAX) {
-          v.warnx("invalid exit code: '%s'", optarg);
-          return kExitUsage;
-        }
-        if (n < 0 || n > 255) {
-          v.warnx("exit code out of range (expected 0 to 255)");
-          return kExitUsage;
-        }
-        req.conflictExit = static_cast<int>(n);
+      case 'E':
+        if (std::optional<int> bad = parseExitCode(v, optarg, req)) return bad;
         break;
-      }
       case kFd:
         if (std::optional<int> bad = parseDescriptor(v, optarg, req.fd)) return bad;
         fdOption = true;
@@ -327,18 +387,9 @@ std::optional<int> parse(int argc, char **argv, const Voice &v, Request &req) {
         req.api = Api::ofd;
         break;
       case kStart:
-      case kLength: {
-        const std::optional<off_t> n = parseSize(optarg);
-        if (!n) {
-          v.warnx("%s: '%s'",
-                  opt == kStart ? "invalid as start offset" : "invalid as lenght of lock range",
-                  optarg);
-          return kExitUsage;
-        }
-        (opt == kStart ? req.start : req.length) = *n;
-        req.api = Api::ofd;
+      case kLength:
+        if (std::optional<int> bad = parseRange(v, optarg, opt == kStart, req)) return bad;
         break;
-      }
       case 'V':
         std::printf("%s\n", versionLine(v.name).c_str());
         return kExitOk;
@@ -356,37 +407,7 @@ std::optional<int> parse(int argc, char **argv, const Voice &v, Request &req) {
     v.warnx("the --no-fork and --close options are incompatible");
     return kExitUsage;
   }
-  if (fdOption) {
-    // --fd FD [COMMAND...]: the descriptor, then what runs while it is locked.
-    if (req.shellLine != nullptr && optind < argc) {
-      v.warnx("--command cannot be given with a command");
-      return kExitUsage;
-    }
-    if (req.shellLine != nullptr)
-      shellCommand(req, req.shellLine);
-    else
-      req.command.assign(argv + optind, argv + argc);
-  } else if (req.shellLine != nullptr && argc == optind + 1) {
-    req.file = argv[optind];
-    shellCommand(req, req.shellLine);
-  } else if (argc > optind + 1) {
-    req.file = argv[optind];
-    const char *next = argv[optind + 1];
-    if (std::strcmp(next, "-c") == 0 || std::strcmp(next, "--command") == 0) {
-      if (argc != optind + 3) {
-        v.warnx("%s requires exactly one command argument", next);
-        return kExitUsage;
-      }
-      shellCommand(req, argv[optind + 2]);
-    } else {
-      req.command.assign(argv + optind + 1, argv + argc);
-    }
-  } else if (optind < argc) {
-    if (std::optional<int> bad = parseDescriptor(v, argv[optind], req.fd)) return bad;
-  } else {
-    v.warnx("requires file descriptor, file or directory");
-    return kExitUsage;
-  }
+  if (std::optional<int> bad = parseOperands(argc, argv, v, fdOption, req)) return bad;
   if (!req.command.empty()) req.command.push_back(nullptr);
   return std::nullopt;
 }
