@@ -563,7 +563,9 @@ QM_EXPORT QMELMLHndlp qmelmlockget(QMELMExtensionp ext, QMMemPtr lockParms, QMMe
  * lock, unless another name of the file still needs it) and, when Flags of
  * this release asks for it, deletes the file. When the last exclusive
  * external holder leaves non-exclusive ones, the record lock becomes a read
- * lock.
+ * lock. A handle is recognised by its address alone: once a later LockGet
+ * has been given the same memory, a stale copy of the old handle is that
+ * new handle, so a handle must not be used after its release.
  * @param[in]     lock      The handle; freed by this call, whatever the
  *                          status, except for QMELM_E_NULL_HANDLE,
  *                          QMELM_E_DEAD_NODE, QMELM_E_FORKED_HANDLE and a

@@ -31,9 +31,10 @@ struct HandleBlock {
 // joins it when lock acquisition hands it out and leaves it when a release
 // takes it over, before anything reads it: a handle released twice (or never
 // handed out) is refused without touching freed memory, unless its block has
-// since been handed out again as a new handle (the set knows addresses only). The set allocates
-// nothing (its chains run through the handle blocks) and its bucket locks are
-// leaves of the lock order, held for a few pointer operations.
+// since been handed out again as a new handle (the set knows addresses
+// only). The set allocates nothing (its chains run through the handle
+// blocks) and its bucket locks are leaves of the lock order, held for a few
+// pointer operations.
 void registerHandle(HandleBlock *h) noexcept;
 // Takes a handle out of the set; false when it was not live.
 [[nodiscard]] bool unregisterHandle(const void *h) noexcept;
