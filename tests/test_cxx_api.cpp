@@ -124,6 +124,18 @@ TEST(CppApi, ResultsCarryStatusNameJournalTextAndHolder) {
   EXPECT_TRUE(a.type().has(elm::LockType::int_exclusive | elm::LockType::ext_exclusive));
   EXPECT_FALSE(otherProcessCanLock(g, F_RDLCK));
 
+  // An upgrade refused by another process's reader names that process: the
+  // out fields are read after the change that writes them.
+  const std::string h = d.file("read");
+  close(open(h.c_str(), O_RDWR | O_CREAT, 0644));
+  Holder reader(h, NX | ENX);
+  ASSERT_EQ(reader.line, "locked");
+  auto [c, rc] = lm.lock(h, elm::LockType::read);
+  ASSERT_TRUE(rc) << rc.to_string();
+  const elm::Result upgrade = c.change(elm::LockType::write);
+  EXPECT_TRUE(upgrade.conflict()) << upgrade.to_string();
+  EXPECT_EQ(upgrade.locker_pid(), reader.pid);
+
   const elm::Result invalid = lm.lock(g, elm::LockType::int_exclusive).result;
   EXPECT_EQ(invalid.status(), QMELM_E_INVALID_LOCKTYPE);
   EXPECT_NE(invalid.message().find("[internal exclusive]"), std::string::npos);

@@ -1039,8 +1039,10 @@ inline Result FileLock::change(LockType type, std::optional<uint32_t> open_flags
   const uint32_t previous = p->OpenFlags;
   if (open_flags) p->OpenFlags = *open_flags;
   detail::Borrowed j(core_->host->journals);
-  Result r = j.result(core_->ext->Functions.LockChange(handle_, p, type.bits(), j.get()),
-                      p->LockerPID, p->Errno);
+  // The call first, then its out fields: as arguments of one call they
+  // could be read before the change writes them.
+  const int rc = core_->ext->Functions.LockChange(handle_, p, type.bits(), j.get());
+  Result r = j.result(rc, p->LockerPID, p->Errno);
   if (!r) p->OpenFlags = previous;
   return r;
 }
@@ -1050,8 +1052,8 @@ inline Result FileLock::release() {
   const std::shared_ptr<detail::ExtensionCore> core = std::move(core_);
   detail::Borrowed j(core->host->journals);
   XVELMFileLockParms *p = parms();
-  return j.result(core->ext->Functions.LockRelease(std::exchange(handle_, nullptr), p, j.get()),
-                  p->LockerPID, p->Errno);
+  const int rc = core->ext->Functions.LockRelease(std::exchange(handle_, nullptr), p, j.get());
+  return j.result(rc, p->LockerPID, p->Errno);
 }
 
 inline void FileLock::release_quietly() noexcept {
