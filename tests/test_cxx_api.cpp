@@ -369,17 +369,18 @@ TEST(CppApi, NamesWithNulOrMalformedUtf8AreRefused) {
   } catch (const std::system_error &e) {
     EXPECT_EQ(e.code(), elm::Status::QMELM_E_NAME_HAS_NUL);
   }
-  for (const char *bad : {"\xff", "\xc0\xaf", "\xed\xa0\x80", "\xe2\x82", "\xf4\x90\x80\x80",
-                          "x\x80"}) {
+  for (const char *bad :
+       {"\xff", "\xc0\xaf", "\xed\xa0\x80", "\xe2\x82", "\xf4\x90\x80\x80", "x\x80"}) {
     const std::string name = d.file(bad);
-    EXPECT_EQ(lm.lock(name, elm::LockType::write).result.status(), QM_E_INVALID_SEQUENCE)
-        << name;
+    EXPECT_EQ(lm.lock(name, elm::LockType::write).result.status(), QM_E_INVALID_SEQUENCE) << name;
     EXPECT_EQ(lm.match(name).result.status(), QM_E_INVALID_SEQUENCE);
     EXPECT_EQ(lm.io_totals({name, {}, true}).result.status(), QM_E_INVALID_SEQUENCE);
   }
   EXPECT_EQ(entries(d.path()), std::vector<std::string>{}) << "nothing was created";
 
-  const std::string wide = "donn\xc3\xa9" "es-\xe2\x82\xac-\xf0\x9f\x94\x92";  // é, €, a lock
+  const std::string wide =
+      "donn\xc3\xa9"
+      "es-\xe2\x82\xac-\xf0\x9f\x94\x92";  // é, €, a lock
   auto [lock, ok] = lm.lock(d.file(wide), elm::LockType::write);
   ASSERT_TRUE(ok) << ok.text();
   EXPECT_EQ(entries(d.path()), std::vector<std::string>{wide});

@@ -39,7 +39,8 @@
 #define QMELM_HPP
 
 #if !defined(__cplusplus) || __cplusplus < 202002L
-#error "qmelm.hpp needs C++20 (-std=c++20, or link the CMake target qmelm::cxx); C programs include qmelm.h and qmhost/qmhost.h"
+#error \
+    "qmelm.hpp needs C++20 (-std=c++20, or link the CMake target qmelm::cxx); C programs include qmelm.h and qmhost/qmhost.h"
 #endif
 
 #include <fcntl.h>
@@ -477,9 +478,11 @@ inline QMStatus from_utf8(std::string_view s, std::vector<QMChar> &out) {
   for (size_t i = 0; i < s.size();) {
     const auto b = static_cast<unsigned char>(s[i]);
     if (b == 0) return QMELM_E_NAME_HAS_NUL;
-    const size_t n = b < 0x80 ? 1 : (b & 0xe0) == 0xc0 ? 2 : (b & 0xf0) == 0xe0 ? 3
-                                 : (b & 0xf8) == 0xf0 ? 4
-                                                      : 0;
+    const size_t n = b < 0x80             ? 1
+                     : (b & 0xe0) == 0xc0 ? 2
+                     : (b & 0xf0) == 0xe0 ? 3
+                     : (b & 0xf8) == 0xf0 ? 4
+                                          : 0;
     if (n == 0 || i + n > s.size()) return QM_E_INVALID_SEQUENCE;
     QMChar c = n == 1 ? b : n == 2 ? b & 0x1fu : n == 3 ? b & 0x0fu : b & 0x07u;
     for (size_t k = 1; k < n; ++k) {

@@ -731,14 +731,13 @@ QM_EXPORT int qmelmresetioinfo(QMELMExtensionp ext, QMELMResetIOInfoParms *parms
  * @param[in,out] result numEntries and totals are added to, never reset: the
  *                       caller zeroes them first.
  * @return 0 (also, touching nothing, when there is no record at all);
- *         QMELM_E_NULL_EXTENSION (ext null); QMELM_E_NULL_PARMS (query or result null); qmioe's status when the
- *         path cannot be resolved (QM_E_UNMAPPABLE for a character
- *         enc_pathname cannot hold, QM_E_BAD_PATH, ...), with nothing added;
- *         or the status of giving the resolved path back, after the totals
- *         were added. Failures are journaled when jnl is given.
- * Threads: with query->lockRequest the walk holds the list's mutex and each
- * matching record's, and so waits for updates, resets and acquisitions in
- * progress; without it no mutex is taken and the totals may be mid-update.
+ *         QMELM_E_NULL_EXTENSION (ext null); QMELM_E_NULL_PARMS (query or result null); qmioe's
+ * status when the path cannot be resolved (QM_E_UNMAPPABLE for a character enc_pathname cannot
+ * hold, QM_E_BAD_PATH, ...), with nothing added; or the status of giving the resolved path back,
+ * after the totals were added. Failures are journaled when jnl is given. Threads: with
+ * query->lockRequest the walk holds the list's mutex and each matching record's, and so waits for
+ * updates, resets and acquisitions in progress; without it no mutex is taken and the totals may be
+ * mid-update.
  */
 QM_EXPORT int qmelmgetioinfo(QMELMExtensionp ext, QMELMQueryIOInfoParms *query,
                              QMELMGetIOInfoParms *result, QMJnlh jnl) QM_NOEXCEPT;

@@ -87,7 +87,7 @@
   X(QMELM_E_FORKED_HANDLE, 0x80ffe042u,                                                         \
     "The lock handle was made before this process was forked; the process holds no lock "       \
     "through it and nothing was changed.")                                                      \
-  X(QMELM_E_NULL_PARMS, 0x80ffe043u, "A required parameter block or status pointer is null.")  \
+  X(QMELM_E_NULL_PARMS, 0x80ffe043u, "A required parameter block or status pointer is null.")   \
   X(QMELM_E_NULL_EXTENSION, 0x80ffe045u,                                                        \
     "No lock manager object (or no host, to the factory) was passed; nothing was done.")
 
