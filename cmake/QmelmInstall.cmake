@@ -3,7 +3,8 @@
 #             libX.so.MAJOR.MINOR.PATCH, with its SONAME link libX.so.MAJOR
 #             and the libX.so link, in one directory: the host finds the
 #             extensions beside itself, by the name lib<name>.so)
-#   include/qmelm/        the public C headers, qmhost/qmhost.h, and the C++
+#   include/qmelm/        the public C headers, qmhost/qmhost.h (and the test
+#                         instruments, qmhost/qmhost_testing.h), and the C++
 #                         API qmelm.hpp (-I<prefix>/include/qmelm)
 #   bin/qmlock, libexec/qmelm/flock (qmlock under the name flock(1); put that
 #             directory first on PATH to have scripts use it),
@@ -52,6 +53,7 @@ install(FILES
   ${PROJECT_SOURCE_DIR}/cxx/include/qmelm.hpp
   DESTINATION ${QMELM_INSTALL_INCLUDEDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/qmhost/include/qmhost/qmhost.h
+              ${PROJECT_SOURCE_DIR}/qmhost/include/qmhost/qmhost_testing.h
         DESTINATION ${QMELM_INSTALL_INCLUDEDIR}/qmhost)
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/qmelmConfig.cmake.in

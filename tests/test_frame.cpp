@@ -100,6 +100,7 @@ TEST(Frame, FactoryUnwindsEveryFailure) {
                                   QMHOST_FAIL_LOCK_CREATE,    QMHOST_FAIL_PIPELINE_CREATE,
                                   QMHOST_FAIL_LOAD_EXTENSION, QMHOST_FAIL_JNL_CREATE,
                                   QMHOST_FAIL_RENDER};
+  host.armInstruments();
   for (QMHostFailKind kind : kinds) {
     long start = host.calls(kind);
     QMExtensionh ok = qmelm(host.hndl, host.jnl);

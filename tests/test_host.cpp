@@ -5,11 +5,13 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <chrono>
 #include <cstdarg>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <string_view>
@@ -18,6 +20,7 @@
 
 #include "qmelm.h"
 #include "qmhost/qmhost.h"
+#include "qmhost/qmhost_testing.h"
 #include "qmioe.h"
 
 namespace {
@@ -271,11 +274,15 @@ TEST_F(Host, RenderingNeverWritesPastCapacity) {
   EXPECT_EQ(QM_E_BUFFER_TOO_SMALL, statusBuf(j, QM_E_BAD_PATH, out.data(), 10, &n));
   qmhost_fail_nth(h, QMHOST_FAIL_RENDER, 1);
   EXPECT_EQ(QM_E_INJECTED_FAILURE, statusBuf(j, QM_E_BAD_PATH, out.data(), 64, &n));
+  // The instruments' own status is in the catalogue, though not in the kernel's list.
+  ASSERT_EQ(0, statusBuf(j, QM_E_INJECTED_FAILURE, out.data(), 64, &n));
+  EXPECT_EQ("The operation failed because a test asked it to.", U(out.data(), n));
 }
 
 // A composed message the way the lock manager builds one: pieces rendered at
 // the running end of a buffer, journaled once through "%.*s".
-std::vector<QMStatus> compose(QMJnlh j, QMChar *buf, const std::vector<QMStatus> &pieces) {
+std::vector<QMStatus> compose(QMJnlh j, QMChar *buf, const std::vector<QMStatus> &pieces,
+                              bool kept = true) {
   QMStrSize used = 0, n = 0;
   const auto path = Q("/tmp/x");
   for (QMStatus s : pieces) {
@@ -286,7 +293,7 @@ std::vector<QMStatus> compose(QMJnlh j, QMChar *buf, const std::vector<QMStatus>
     used += n;
   }
   EXPECT_EQ(0, toJnl(j, "%.*s", static_cast<int>(used), buf));
-  return lastEntry(j).codes;
+  return kept ? lastEntry(j).codes : std::vector<QMStatus>{};
 }
 
 TEST_F(Host, JournalEntriesCarryRenderedCodesInOrder) {
@@ -362,6 +369,262 @@ TEST_F(Host, JournalEntriesCarryRenderedCodesInOrder) {
   unlink(path);
   EXPECT_EQ(nullptr, qmhost_journal_create(h, QM_JNL_FILE, "/nonexistent-dir/x"));
   EXPECT_EQ(QM_E_IO, h->lastStatus(h));
+}
+
+// The instruments of a new host are disarmed: no call is counted and none
+// fails, from any thread. Armed, every kind counts each call and fails the
+// nth one exactly once, whichever of several threads makes it.
+TEST_F(Host, InstrumentsCountAndFailOnlyWhileArmed) {
+  QMPoolh pool = h->poolCreate(h, nullptr, nullptr, "p");
+  // Each call of one kind; true when it failed because it was told to.
+  auto injected = [&](QMHostFailKind kind) -> bool {
+    switch (kind) {
+      case QMHOST_FAIL_ALLOC: {
+        void *b = pool->memAlloc(pool, 24, 0);
+        if (b == nullptr) return h->lastStatus(h) == QM_E_INJECTED_FAILURE;
+        return pool->memFree(pool, b), false;
+      }
+      case QMHOST_FAIL_POOL_CREATE: {
+        QMPoolh p = h->poolCreate(h, nullptr, nullptr, "q");
+        if (p == nullptr) return h->lastStatus(h) == QM_E_INJECTED_FAILURE;
+        return p->generic.destroy(p), false;
+      }
+      case QMHOST_FAIL_LOCK_CREATE: {
+        QMLockh l = h->lockCreate(h, nullptr, nullptr, "l");
+        if (l == nullptr) return h->lastStatus(h) == QM_E_INJECTED_FAILURE;
+        return l->generic.destroy(l), false;
+      }
+      case QMHOST_FAIL_JNL_CREATE: {
+        QMJnlh m = qmhost_journal_create(h, QM_JNL_MEMORY, nullptr);
+        if (m == nullptr) return h->lastStatus(h) == QM_E_INJECTED_FAILURE;
+        return m->generic.destroy(m), false;
+      }
+      case QMHOST_FAIL_PIPELINE_CREATE: {
+        QMNLSPipelineh p = h->qmnls->pipelineFromQMChar(h->qmnls, QM_CEI_UTF8, 0, nullptr);
+        if (p == nullptr) return h->lastStatus(h) == QM_E_INJECTED_FAILURE;
+        return p->generic.destroy(p), false;
+      }
+      case QMHOST_FAIL_LOAD_EXTENSION:
+        EXPECT_EQ(nullptr, qmhost_load_extension(h, "nosuchext", nullptr));
+        return h->lastStatus(h) == QM_E_INJECTED_FAILURE;
+      case QMHOST_FAIL_RENDER: {
+        QMChar buf[128];
+        QMStrSize n = 0;
+        return statusBuf(j, QM_E_BAD_PATH, buf, 128, &n) == QM_E_INJECTED_FAILURE;
+      }
+      default:
+        return false;
+    }
+  };
+  auto onThreads = [&](QMHostFailKind kind, int threads, int calls) {
+    std::atomic<int> failed{0};
+    std::vector<std::thread> ts;
+    for (int t = 0; t < threads; ++t)
+      ts.emplace_back([&] {
+        for (int i = 0; i < calls; ++i) failed += injected(kind) ? 1 : 0;
+      });
+    for (auto &t : ts) t.join();
+    return failed.load();
+  };
+  constexpr QMHostFailKind kAll[] = {QMHOST_FAIL_ALLOC,           QMHOST_FAIL_POOL_CREATE,
+                                     QMHOST_FAIL_LOCK_CREATE,     QMHOST_FAIL_JNL_CREATE,
+                                     QMHOST_FAIL_PIPELINE_CREATE, QMHOST_FAIL_LOAD_EXTENSION,
+                                     QMHOST_FAIL_RENDER};
+  static_assert(std::size(kAll) == QMHOST_FAIL_KINDS);
+
+  EXPECT_EQ(0, qmhost_instruments_armed(h));
+  for (QMHostFailKind k : kAll) {
+    EXPECT_EQ(0, onThreads(k, 3, 20)) << k;
+    EXPECT_EQ(0, qmhost_call_count(h, k)) << k;
+  }
+
+  // Armed: counted; disarmed: the counts stay where they were.
+  qmhost_instruments_arm(h, 1);
+  EXPECT_EQ(1, qmhost_instruments_armed(h));
+  EXPECT_EQ(0, onThreads(QMHOST_FAIL_ALLOC, 2, 10));
+  EXPECT_EQ(20, qmhost_call_count(h, QMHOST_FAIL_ALLOC));
+  qmhost_instruments_arm(h, 0);
+  EXPECT_EQ(0, onThreads(QMHOST_FAIL_ALLOC, 2, 10));
+  EXPECT_EQ(20, qmhost_call_count(h, QMHOST_FAIL_ALLOC));
+
+  // Disarming cancels a pending failure; arming again does not revive it.
+  qmhost_fail_nth(h, QMHOST_FAIL_ALLOC, 3);
+  EXPECT_EQ(1, qmhost_instruments_armed(h));  // fail_nth arms
+  EXPECT_FALSE(injected(QMHOST_FAIL_ALLOC));
+  qmhost_instruments_arm(h, 0);
+  qmhost_instruments_arm(h, 1);
+  EXPECT_EQ(0, onThreads(QMHOST_FAIL_ALLOC, 1, 10));
+  EXPECT_EQ(31, qmhost_call_count(h, QMHOST_FAIL_ALLOC));
+  qmhost_instruments_arm(h, 0);
+
+  // Every kind, four threads racing over the armed call: exactly one fails.
+  for (QMHostFailKind k : kAll) {
+    SCOPED_TRACE("kind " + std::to_string(k));
+    const long before = qmhost_call_count(h, k);
+    qmhost_fail_nth(h, k, 37);
+    EXPECT_EQ(1, onThreads(k, 4, 25));
+    EXPECT_EQ(before + 100, qmhost_call_count(h, k));
+    EXPECT_EQ(0, onThreads(k, 4, 25));  // once only
+    qmhost_instruments_arm(h, 0);
+  }
+  EXPECT_EQ(0u, stats().pool_blocks);
+  EXPECT_EQ(2u, stats().journals);  // qmjnl and j: the made ones went back
+  EXPECT_EQ(0u, stats().pipelines);
+}
+
+// Entries of a journal and the codes rendered for it.
+std::vector<std::string> texts(QMJnlh jnl) {
+  std::vector<std::string> out;
+  for (size_t i = 0, n = qmhost_journal_count(jnl); i < n; ++i) out.push_back(entry(jnl, i).text);
+  return out;
+}
+std::string fileText(const char *path) {
+  std::ifstream in(path);
+  return std::string((std::istreambuf_iterator<char>(in)), {});
+}
+
+// Memory journals keep their entries; stderr and file journals write lines
+// and keep nothing unless asked, and codes are noted only for journals
+// that keep entries.
+TEST_F(Host, JournalsKeepEntriesOnlyWhenAsked) {
+  char path[] = "/tmp/qmhost_keep_XXXXXX";
+  close(mkstemp(path));
+  QMJnlh f = qmhost_journal_create(h, QM_JNL_FILE, path);
+  ASSERT_NE(nullptr, f);
+  std::vector<QMChar> buf(2048);
+  QMHostJournalEntry e{};
+
+  // By default: lines only.
+  EXPECT_EQ((std::vector<QMStatus>{}), compose(f, buf.data(), {QMELM_E_OPEN_FAILED}, false));
+  ASSERT_EQ(0, toJnl(f, "two"));
+  EXPECT_EQ(0u, qmhost_journal_count(f));
+  EXPECT_EQ(QM_E_UNSUPPORTED_REQUEST, qmhost_journal_entry(f, 0, &e));
+  EXPECT_EQ("qm[ERROR] The file could not be opened./tmp/x\nqm[ERROR] two\n", fileText(path));
+
+  // A status rendered before the journal kept entries is not recovered
+  // afterwards: the entry has the codes rendered since.
+  QMStrSize used = 0, k = 0;
+  ASSERT_EQ(0, statusBuf(f, QMELM_E_OPEN_FAILED, buf.data(), 2048, &used));
+  ASSERT_EQ(0, qmhost_journal_keep(f, 2));
+  ASSERT_EQ(0, statusBuf(f, QMELM_M_TRAILER, buf.data() + used, 2048 - used, &k));
+  ASSERT_EQ(0, toJnl(f, "%.*s", static_cast<int>(used + k), buf.data()));
+  EXPECT_EQ(std::vector<QMStatus>{QMELM_M_TRAILER}, lastEntry(f).codes);
+  // Kept as asked: the newest two, with their codes, and every line written.
+  EXPECT_EQ((std::vector<QMStatus>{QMELM_E_DEAD_NODE, QMELM_M_PATH}),
+            compose(f, buf.data(), {QMELM_E_DEAD_NODE, QMELM_M_PATH}));
+  ASSERT_EQ(0, toJnl(f, "last"));
+  EXPECT_EQ(2u, qmhost_journal_count(f));
+  EXPECT_EQ("last", lastEntry(f).text);
+  EXPECT_EQ((std::vector<QMStatus>{QMELM_E_DEAD_NODE, QMELM_M_PATH}), entry(f, 0).codes);
+  EXPECT_EQ(QM_E_BAD_ARGUMENT, qmhost_journal_entry(f, 2, &e));
+  const std::string lines = fileText(path);
+  EXPECT_EQ(5, std::count(lines.begin(), lines.end(), '\n'));
+
+  // Kept, then not, then kept again: what was rendered meanwhile or before
+  // carries no code into the later entry.
+  ASSERT_EQ(0, statusBuf(f, QMELM_E_ACCESS_DENIED, buf.data(), 2048, &used));
+  ASSERT_EQ(0, qmhost_journal_keep(f, 0));
+  EXPECT_EQ(0u, qmhost_journal_count(f));
+  ASSERT_EQ(0, statusBuf(f, QMELM_E_FILE_NOT_FOUND, buf.data() + used, 2048 - used, &k));
+  ASSERT_EQ(0, qmhost_journal_keep(f, 1));
+  ASSERT_EQ(0, toJnl(f, "%.*s", static_cast<int>(used + k), buf.data()));
+  EXPECT_EQ(std::vector<QMStatus>{}, lastEntry(f).codes);
+  EXPECT_EQ(0, f->generic.destroy(f));
+  unlink(path);
+
+  // A stderr journal is the same; so is the host's own when it writes there.
+  QMJnlh err = qmhost_journal_create(h, QM_JNL_STDERR, nullptr);
+  ASSERT_EQ(0, toJnl(err, "a line the test writes to standard error"));
+  EXPECT_EQ(0u, qmhost_journal_count(err));
+  EXPECT_EQ(QM_E_UNSUPPORTED_REQUEST, qmhost_journal_entry(err, 0, &e));
+  ASSERT_EQ(0, qmhost_journal_keep(err, 5));
+  ASSERT_EQ(0, toJnl(err, "and one it keeps"));
+  EXPECT_EQ(std::vector<std::string>{"and one it keeps"}, texts(err));
+  QMHostConfig cfg;
+  qmhost_config_init(&cfg);
+  QMHndlp other = qmhost_create(&cfg);
+  ASSERT_NE(nullptr, other);
+  EXPECT_EQ(0u, qmhost_journal_count(other->qmjnl));
+  qmhost_destroy(other);
+
+  // A memory journal keeps entries and cannot be told to keep none; asked to
+  // keep fewer, it drops the oldest.
+  for (int i = 0; i < 5; ++i) ASSERT_EQ(0, toJnl(j, "m%d", i));
+  EXPECT_EQ(QM_E_BAD_ARGUMENT, qmhost_journal_keep(j, 0));
+  EXPECT_EQ(5u, qmhost_journal_count(j));
+  ASSERT_EQ(0, qmhost_journal_keep(j, 2));
+  EXPECT_EQ((std::vector<std::string>{"m3", "m4"}), texts(j));
+  EXPECT_EQ(QM_E_BAD_ARGUMENT, qmhost_journal_keep(nullptr, 1));
+}
+
+// Open descriptors of this process.
+int openDescriptors() {
+  int n = 0;
+  for (const auto &d : std::filesystem::directory_iterator("/proc/self/fd"))
+    n += d.exists() ? 1 : 0;
+  return n;
+}
+
+// qmhost_create refuses a configuration whose size it does not know, or
+// whose contents are bad, before it opens or keeps anything; the reason is
+// the calling thread's.
+TEST(HostConfig, RefusedConfigurationsLeaveNothingBehind) {
+  char dir[] = "/tmp/qmhost_cfg_XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(dir));
+  const std::string journal = std::string(dir) + "/journal";
+  QMHostConfig good;
+  qmhost_config_init(&good);
+  EXPECT_EQ(sizeof(QMHostConfig), good.size);
+  good.default_journal = QM_JNL_FILE;
+  good.default_journal_path = journal.c_str();
+  const QMHostBuiltinExtension nameless{nullptr, nullptr, nullptr, nullptr};
+
+  struct Case {
+    const char *what;
+    QMHostConfig cfg;
+    QMStatus why;
+  };
+  std::vector<Case> cases;
+  for (size_t size : {size_t{0}, sizeof(QMHostConfig) - 1, sizeof(QMHostConfig) + 8}) {
+    cases.push_back({"size", good, QM_E_UNSUPPORTED_REQUEST});
+    cases.back().cfg.size = size;
+  }
+  cases.push_back({"builtins missing", good, QM_E_BAD_ARGUMENT});
+  cases.back().cfg.nbuiltins = 1;
+  cases.push_back({"builtin without a name", good, QM_E_BAD_ARGUMENT});
+  cases.back().cfg.builtins = &nameless;
+  cases.back().cfg.nbuiltins = 1;
+  cases.push_back({"journal kind", good, QM_E_BAD_ARGUMENT});
+  cases.back().cfg.default_journal = static_cast<QMJnlKind>(7);
+
+  const int fds = openDescriptors();
+  for (const Case &c : cases) {
+    EXPECT_EQ(nullptr, qmhost_create(&c.cfg)) << c.what;
+    EXPECT_EQ(c.why, qmhost_create_status()) << c.what;
+    EXPECT_NE(0, access(journal.c_str(), F_OK)) << c.what << ": the journal was opened";
+  }
+  Case unopenable{"journal file", good, QM_E_IO};
+  unopenable.cfg.default_journal_path = "/nonexistent-dir/journal";
+  EXPECT_EQ(nullptr, qmhost_create(&unopenable.cfg));
+  EXPECT_EQ(QM_E_IO, qmhost_create_status());
+  EXPECT_EQ(fds, openDescriptors());
+
+  // The reason is per thread; a success clears it.
+  std::thread([&] {
+    EXPECT_EQ(0, qmhost_create_status());
+    QMHndlp h = qmhost_create(nullptr);
+    EXPECT_NE(nullptr, h);
+    qmhost_destroy(h);
+  }).join();
+  EXPECT_EQ(QM_E_IO, qmhost_create_status());
+  QMHndlp h = qmhost_create(&good);
+  ASSERT_NE(nullptr, h);
+  EXPECT_EQ(0, qmhost_create_status());
+  EXPECT_EQ(0, access(journal.c_str(), F_OK));
+  qmhost_destroy(h);
+  EXPECT_EQ(fds, openDescriptors());
+  unlink(journal.c_str());
+  rmdir(dir);
 }
 
 struct Coded {

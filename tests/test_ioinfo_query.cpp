@@ -200,6 +200,7 @@ TEST(IOInfoQuery, BadInputAndAFailedListAllocation) {
   EXPECT_EQ(host.liveBlocks(), blocks);
 
   Query byDir(false, "", s.d1);
+  host.armInstruments();
   const long before = host.calls(QMHOST_FAIL_ALLOC);
   ASSERT_EQ(listed(host, byDir)->size(), 5u);
   host.clearJournal();

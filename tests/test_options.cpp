@@ -238,6 +238,7 @@ TEST(OptionTable, RefusesOptionsThatCannotBeStored) {
   EXPECT_EQ(e[0].text, e[1].text);
   // Without a journal nothing is written and nothing allocated.
   host.clearJournal();
+  host.armInstruments();
   const long allocs = host.calls(QMHOST_FAIL_ALLOC);
   EXPECT_STATUS(QMELM_E_INVALID_OPTION, set(host, "/k", static_cast<QMELMLockOption>(7), nullptr));
   EXPECT_EQ(host.calls(QMHOST_FAIL_ALLOC), allocs);

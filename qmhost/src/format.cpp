@@ -10,6 +10,7 @@
 #include <type_traits>
 
 #include "qmelmmsg.h"
+#include "qmhost/qmhost_testing.h"
 
 namespace qmhost {
 
@@ -24,6 +25,7 @@ constexpr bool isAscii(const char *s) {
 #define QM_X_ASCII(name, code, text) \
   static_assert(isAscii(text), "catalogue text of " #name " is not ASCII");
 QM_HOST_STATUS_LIST(QM_X_ASCII)
+QMHOST_TESTING_STATUS_LIST(QM_X_ASCII)
 QMELM_STATUS_LIST(QM_X_ASCII)
 #undef QM_X_ASCII
 
@@ -191,12 +193,15 @@ QMStatus formatStatus(QMStatus status, va_list *ap, TextSink &sink,
 }
 
 const char *catalogueText(QMStatus status) noexcept {
-  // A switch rather than a table: two lists giving one code twice do not compile.
+  // A switch rather than a table: two lists giving one code twice do not
+  // compile. The test instruments' status is the host's own too: its text
+  // is rendered like any other.
   switch (static_cast<uint32_t>(status)) {
 #define QM_X_CASE(name, code, text) \
   case code:                        \
     return text;
     QM_HOST_STATUS_LIST(QM_X_CASE)
+    QMHOST_TESTING_STATUS_LIST(QM_X_CASE)
     QMELM_STATUS_LIST(QM_X_CASE)
 #undef QM_X_CASE
     default:

@@ -1,12 +1,14 @@
 /*
  * host.cpp - the kernel handle: creation from a configuration, the clock
- * (ConfigureSystem), the per-thread last status, accounting, failure
- * injection, and destruction of everything the host still owns. The host
+ * (ConfigureSystem), the per-thread last status, accounting, the test
+ * instruments' switch and counts, and destruction of everything the host still owns. The host
  * object is a C++ object whose first member is the QMHndl table.
  */
 #include <pthread.h>
 #include <time.h>
 
+#include <cstddef>
+#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -24,6 +26,28 @@ struct LastStatus {
   QMStatus status;
 };
 thread_local LastStatus tLastStatus{0, 0};
+// Why the calling thread's latest qmhost_create failed (0: it succeeded).
+thread_local QMStatus tCreateStatus = 0;
+
+// The smallest configuration qmhost_create accepts: the layout that first
+// carried the size field, which ended with nbuiltins. Fields added later go
+// after it, and a caller's smaller configuration gets their defaults.
+constexpr size_t kFirstConfigSize = offsetof(QMHostConfig, nbuiltins) + sizeof(size_t);
+
+// The caller's configuration over the defaults, as far as its size says;
+// QM_E_UNSUPPORTED_REQUEST for a size no layout has (0, or a newer one).
+QMStatus readConfig(const QMHostConfig *cfg, QMHostConfig *out) {
+  qmhost_config_init(out);
+  if (cfg == nullptr) return 0;
+  if (cfg->size < kFirstConfigSize || cfg->size > sizeof(QMHostConfig))
+    return QM_E_UNSUPPORTED_REQUEST;
+  std::memcpy(static_cast<void *>(out), cfg, cfg->size);
+  out->size = sizeof(QMHostConfig);
+  if (out->nbuiltins > 0 && out->builtins == nullptr) return QM_E_BAD_ARGUMENT;
+  for (size_t i = 0; i < out->nbuiltins; ++i)
+    if (out->builtins[i].name == nullptr) return QM_E_BAD_ARGUMENT;
+  return 0;
+}
 
 QMStatus hostLastStatus(QMHndlp h) noexcept {
   if (h == nullptr) return QM_E_BAD_ARGUMENT;
@@ -120,6 +144,54 @@ void forgetHost(Host *h) noexcept {
   }
 }
 
+namespace {
+
+// Makes the host of cfg; null with *status set on failure, nothing left
+// behind (the host object, its journal and registries go with it).
+QMHndlp createHost(const QMHostConfig *given, QMStatus *status) {
+  QMHostConfig config;
+  *status = readConfig(given, &config);
+  if (*status != 0) return nullptr;
+  const QMHostConfig *cfg = &config;
+  try {
+    auto host = std::make_unique<Host>();
+    host->serial = nextHostSerial.fetch_add(1);
+    if (cfg->extension_path != nullptr) {
+      host->extensionPath = cfg->extension_path;
+      host->hasExtensionPath = true;
+    }
+    host->osEncoding = cfg->os_encoding != QM_CEI_OS ? cfg->os_encoding : QM_CEI_UTF8;
+    for (size_t i = 0; i < cfg->nbuiltins; ++i) {
+      const QMHostBuiltinExtension &b = cfg->builtins[i];
+      host->builtins.push_back({b.name, b.entry, b.version, b.factory});
+    }
+    initNls(host.get());
+
+    QMHndl &pub = host->pub;
+    pub.generic.oven = oven("qmhk");
+    static char kName[] = "qm host";
+    pub.generic.name = kName;
+    pub.generic.destroy = hostDestroy;
+    pub.lockCreate = lockCreate;
+    pub.jnlCreate = jnlCreate;
+    pub.poolCreate = poolCreate;
+    pub.loadExtension = loadExtension;
+    pub.qmnls = &host->nls.pub;
+    pub.ConfigureSystem = hostConfigureSystem;
+    pub.iobytecount = cfg->iobytecount;
+    pub.lastStatus = hostLastStatus;
+    pub.qmjnl = makeJournal(host.get(), cfg->default_journal, cfg->default_journal_path, status);
+    if (pub.qmjnl == nullptr) return nullptr;
+    rememberHost(host.get());
+    return &host.release()->pub;
+  } catch (const std::bad_alloc &) {
+    *status = QM_E_NO_MEMORY;
+    return nullptr;
+  }
+}
+
+}  // namespace
+
 }  // namespace qmhost
 
 using qmhost::Host;
@@ -129,53 +201,21 @@ extern "C" {
 QM_EXPORT void qmhost_config_init(QMHostConfig *cfg) noexcept {
   if (cfg == nullptr) return;
   *cfg = QMHostConfig{};
+  cfg->size = sizeof(QMHostConfig);
   cfg->iobytecount = QMIO_ByteCount_Default;
   cfg->default_journal = QM_JNL_STDERR;
   cfg->os_encoding = QM_CEI_UTF8;
 }
 
 QM_EXPORT QMHndlp qmhost_create(const QMHostConfig *cfg) noexcept {
-  QMHostConfig defaults;
-  qmhost_config_init(&defaults);
-  if (cfg == nullptr) cfg = &defaults;
-  if (cfg->nbuiltins > 0 && cfg->builtins == nullptr) return nullptr;
-  try {
-    auto host = std::make_unique<Host>();
-    host->serial = qmhost::nextHostSerial.fetch_add(1);
-    if (cfg->extension_path != nullptr) {
-      host->extensionPath = cfg->extension_path;
-      host->hasExtensionPath = true;
-    }
-    host->osEncoding = cfg->os_encoding != QM_CEI_OS ? cfg->os_encoding : QM_CEI_UTF8;
-    for (size_t i = 0; i < cfg->nbuiltins; ++i) {
-      const QMHostBuiltinExtension &b = cfg->builtins[i];
-      if (b.name == nullptr) return nullptr;
-      host->builtins.push_back({b.name, b.entry, b.version, b.factory});
-    }
-    qmhost::initNls(host.get());
+  QMStatus st = 0;
+  QMHndlp h = qmhost::createHost(cfg, &st);
+  qmhost::tCreateStatus = h != nullptr ? 0 : st != 0 ? st : QM_E_NO_MEMORY;
+  return h;
+}
 
-    QMHndl &pub = host->pub;
-    pub.generic.oven = qmhost::oven("qmhk");
-    static char kName[] = "qm host";
-    pub.generic.name = kName;
-    pub.generic.destroy = qmhost::hostDestroy;
-    pub.lockCreate = qmhost::lockCreate;
-    pub.jnlCreate = qmhost::jnlCreate;
-    pub.poolCreate = qmhost::poolCreate;
-    pub.loadExtension = qmhost::loadExtension;
-    pub.qmnls = &host->nls.pub;
-    pub.ConfigureSystem = qmhost::hostConfigureSystem;
-    pub.iobytecount = cfg->iobytecount;
-    pub.lastStatus = qmhost::hostLastStatus;
-    QMStatus st = 0;
-    pub.qmjnl =
-        qmhost::makeJournal(host.get(), cfg->default_journal, cfg->default_journal_path, &st);
-    if (pub.qmjnl == nullptr) return nullptr;
-    qmhost::rememberHost(host.get());
-    return &host.release()->pub;
-  } catch (const std::bad_alloc &) {
-    return nullptr;
-  }
+QM_EXPORT QMStatus qmhost_create_status(void) noexcept {
+  return qmhost::tCreateStatus;
 }
 
 // Extensions first (their destroys free their own pools and mutexes through
@@ -211,6 +251,14 @@ QM_EXPORT void qmhost_stats(QMHndlp h, QMHostStats *out) noexcept {
     out->extensions = host->exts.size();
   }
   out->bad_frees = host->badFrees.load();
+}
+
+QM_EXPORT void qmhost_instruments_arm(QMHndlp h, int on) noexcept {
+  if (h != nullptr) qmhost::hostOf(h)->fail.arm(on != 0);
+}
+
+QM_EXPORT int qmhost_instruments_armed(QMHndlp h) noexcept {
+  return h != nullptr && qmhost::hostOf(h)->fail.armed() ? 1 : 0;
 }
 
 QM_EXPORT void qmhost_fail_nth(QMHndlp h, QMHostFailKind kind, long n) noexcept {

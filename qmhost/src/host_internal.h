@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "qmhost/qmhost.h"
+#include "qmhost/qmhost_testing.h"
 
 namespace qmhost {
 
@@ -40,25 +41,45 @@ inline int32_t oven(const char (&tag)[5]) {
 // Records status as the calling thread's last failure in host (lastStatus).
 void setLastStatus(Host *host, QMStatus status) noexcept;
 
-// ---- failure injection -------------------------------------------------
+// ---- test instruments ---------------------------------------------------
 
-// One counter of calls and one armed call number per kind. hit() is a relaxed
-// atomic increment and load: cheap enough for memAlloc.
+// Call counts and failure injection per kind, for tests. Disarmed (as every
+// host starts), hit() is one relaxed load of a flag that only arming writes:
+// the hot paths (memAlloc above all) share no written cache line across
+// threads. Armed, each call is counted and the armed call number fails.
 class FailPoints {
  public:
-  // Counts a call of kind; true when this call must fail (once per arming).
+  // Counts a call of kind when armed; true when this call must fail (once
+  // per failNth).
   bool hit(QMHostFailKind kind) noexcept {
-    const long n = calls_[kind].n.fetch_add(1, std::memory_order_relaxed) + 1;
-    long at = failAt_[kind].load(std::memory_order_relaxed);
-    return at != 0 && n == at && failAt_[kind].compare_exchange_strong(at, 0);
+    if (!armed_.load(std::memory_order_relaxed)) [[likely]]
+      return false;
+    return hitArmed(kind);
   }
-  // Arms the nth call from now (n >= 1); n <= 0 disarms.
+  // Arms (counting and failing from now on) or disarms; disarming cancels
+  // the pending failures. Counts are kept either way.
+  void arm(bool on) noexcept {
+    if (!on)
+      for (std::atomic<long> &at : failAt_) at.store(0);
+    armed_.store(on);
+  }
+  bool armed() const noexcept { return armed_.load(); }
+  // Arms, and makes the nth call from now fail (n >= 1); n <= 0 cancels.
   void failNth(QMHostFailKind kind, long n) noexcept {
     failAt_[kind].store(n > 0 ? calls_[kind].n.load() + n : 0);
+    armed_.store(true);
   }
   long calls(QMHostFailKind kind) const noexcept { return calls_[kind].n.load(); }
 
  private:
+  bool hitArmed(QMHostFailKind kind) noexcept {
+    const long n = calls_[kind].n.fetch_add(1, std::memory_order_relaxed) + 1;
+    long at = failAt_[kind].load(std::memory_order_relaxed);
+    return at != 0 && n == at && failAt_[kind].compare_exchange_strong(at, 0);
+  }
+  // The flag on a cache line of its own, which no counter shares: reading it
+  // never waits for a line another core writes.
+  alignas(64) std::atomic<bool> armed_{false};
   // Each kind's counter on a cache line of its own: allocations on one core
   // do not slow mutex creation on another.
   struct alignas(64) Counter {
@@ -229,26 +250,31 @@ struct JournalEntry {
 };
 
 // Mutex rules: m guards entries and the writes to fd / stderr, so the lines
-// of a journal appear in the order of its entries. Everything else is fixed
+// of a journal appear in the order of its entries. keep and serial are
+// atomics that rendering reads without the mutex; everything else is fixed
 // at creation.
 struct Journal {
   QMJnl pub;                         // the table callers see
   Host *host;                        // the host that made it
-  uint64_t serial;                   // unique in the process; keys pending codes
+  std::atomic<uint64_t> serial;      // unique in the process; keys pending codes
   QMJnlKind kind;                    // where entries go besides memory
   int fd = -1;                       // QM_JNL_FILE: the file, opened for append
+  std::atomic<size_t> keep;          // how many of the newest entries are kept
   std::mutex m;                      // guards entries and the output
-  std::deque<JournalEntry> entries;  // the newest kMaxEntries entries
-
-  static constexpr size_t kMaxEntries = 4096;
+  std::deque<JournalEntry> entries;  // the newest `keep` entries
 
   Journal(Host *h, QMJnlKind k);
   ~Journal();
   Journal(const Journal &) = delete;
   Journal &operator=(const Journal &) = delete;
 
-  // Keeps an entry and writes its line; QM_E_IO when the line could not be
-  // written (the entry is kept all the same). May throw std::bad_alloc.
+  // Whether entries are kept, and with them the codes rendered for this
+  // journal. Relaxed: a caller that changes the retention while others
+  // render for the journal gets either answer for their entries.
+  bool keeps() const noexcept { return keep.load(std::memory_order_relaxed) != 0; }
+  // Keeps an entry (when the journal keeps any) and writes its line; QM_E_IO
+  // when the line could not be written (the entry is kept all the same). May
+  // throw std::bad_alloc.
   QMStatus record(QMSeverity sev, const std::vector<QMChar> &text, std::vector<QMStatus> codes);
 };
 

@@ -4,7 +4,8 @@
  * memory and written to stderr or a file. A journal's mutex guards its
  * entries and its output; rendering takes no lock. The codes of an entry are
  * found through a per-thread list of the statuses rendered into buffers (see
- * "pending codes" below).
+ * "pending codes" below), kept only for journals that keep entries: for the
+ * others (stderr and file journals by default) nobody could read them.
  */
 #include <fcntl.h>
 #include <unistd.h>
@@ -39,6 +40,8 @@ std::atomic<uint64_t> nextJournalSerial{1};
 // the composed message alone. messageToJnl gives its entry the codes noted
 // inside each QMChar string it consumed, in pointer order, and forgets those
 // (codes of buffers still being composed, or kept to be journaled later, stay).
+// None of this happens for a journal that keeps no entries: its renderings
+// and entries never touch the list.
 
 struct PendingCode {
   uint64_t journal;  // Journal::serial
@@ -99,7 +102,8 @@ QMStatus renderToBuf(QMJnlh jh, QMChar *out, QMStrSize cap, QMStrSize *outlen,
                      Render &&render) noexcept {
   if (outlen != nullptr) *outlen = 0;
   if (jh == nullptr) return QM_E_BAD_ARGUMENT;
-  if (asJournal(jh)->host->fail.hit(QMHOST_FAIL_RENDER)) return QM_E_INJECTED_FAILURE;
+  Journal *j = asJournal(jh);
+  if (j->host->fail.hit(QMHOST_FAIL_RENDER)) return QM_E_INJECTED_FAILURE;
   if (cap <= 0) return QM_E_BUFFER_TOO_SMALL;
   if (out == nullptr) return QM_E_BAD_ARGUMENT;
   TextSink sink(out, static_cast<size_t>(cap));
@@ -111,7 +115,7 @@ QMStatus renderToBuf(QMJnlh jh, QMChar *out, QMStrSize cap, QMStrSize *outlen,
     sink.terminate();
     if (outlen != nullptr) *outlen = static_cast<QMStrSize>(sink.length());
   }
-  forgetOverwritten(asJournal(jh)->serial, out, st == 0 ? sink.length() : 0);
+  if (j->keeps()) forgetOverwritten(j->serial.load(), out, st == 0 ? sink.length() : 0);
   return st;
 }
 
@@ -136,9 +140,9 @@ QMStatus jnlStatusToBuf(QMJnlh jh, QMStatus status, QMChar *out, QMStrSize cap, 
     va_end(ap);
     return rc;
   });
-  if (st == 0) {
+  if (st == 0 && asJournal(jh)->keeps()) {
     try {
-      notePending(asJournal(jh)->serial, out, status);
+      notePending(asJournal(jh)->serial.load(), out, status);
     } catch (const std::bad_alloc &) {
       // The text is rendered; only its code will be missing from the entry.
     }
@@ -160,7 +164,8 @@ QMStatus jnlMessageToJnl(QMJnlh jh, QMSeverity sev, const QMChar *fmt, QMStrSize
     va_copy(ap, args);
     const QMStatus st = formatText(fmt, fmtlen, &ap, sink, &strings);
     va_end(ap);
-    std::vector<QMStatus> codes = takePending(j->serial, strings);
+    std::vector<QMStatus> codes;
+    if (j->keeps()) codes = takePending(j->serial.load(), strings);
     if (st != 0) return st;
     return j->record(sev, text, std::move(codes));
   } catch (const std::bad_alloc &) {
@@ -233,7 +238,12 @@ bool writeAll(int fd, const std::string &line) {
 
 }  // namespace
 
-Journal::Journal(Host *h, QMJnlKind k) : host(h), serial(nextJournalSerial.fetch_add(1)), kind(k) {
+// A memory journal exists to be read: it keeps entries from the start.
+Journal::Journal(Host *h, QMJnlKind k)
+    : host(h),
+      serial(nextJournalSerial.fetch_add(1)),
+      kind(k),
+      keep(k == QM_JNL_MEMORY ? QMHOST_JOURNAL_KEEP : 0) {
   pub.generic.oven = oven("jrnl");
   static char kName[] = "qm journal";
   pub.generic.name = kName;
@@ -258,8 +268,10 @@ QMStatus Journal::record(QMSeverity sev, const std::vector<QMChar> &text,
   if (kind != QM_JNL_MEMORY) line = std::string("qm[") + severityName(sev) + "] " + e.text + "\n";
 
   std::lock_guard<std::mutex> g(m);
-  if (entries.size() >= kMaxEntries) entries.pop_front();
-  entries.push_back(std::move(e));
+  if (const size_t n = keep.load(std::memory_order_relaxed); n != 0) {
+    while (entries.size() >= n) entries.pop_front();
+    entries.push_back(std::move(e));
+  }
   if (kind == QM_JNL_STDERR) return writeAll(STDERR_FILENO, line) ? 0 : QM_E_IO;
   if (kind == QM_JNL_FILE) return writeAll(fd, line) ? 0 : QM_E_IO;
   return 0;
@@ -346,6 +358,22 @@ QM_EXPORT QMJnlh qmhost_journal_create(QMHndlp h, QMJnlKind kind, const char *pa
   return h->jnlCreate(h, &parms, nullptr, nullptr);
 }
 
+QM_EXPORT QMStatus qmhost_journal_keep(QMJnlh jnl, size_t n) noexcept {
+  if (jnl == nullptr) return QM_E_BAD_ARGUMENT;
+  qmhost::Journal *j = qmhost::asJournal(jnl);
+  if (n == 0 && j->kind == QM_JNL_MEMORY) return QM_E_BAD_ARGUMENT;
+  std::lock_guard<std::mutex> g(j->m);
+  if (n != 0 && !j->keeps()) {
+    // Notes of the statuses rendered for this journal while it kept entries
+    // before may linger in some thread's list, never forgotten since: a new
+    // serial leaves them unmatched.
+    j->serial.store(qmhost::nextJournalSerial.fetch_add(1));
+  }
+  j->keep.store(n);
+  while (j->entries.size() > n) j->entries.pop_front();
+  return 0;
+}
+
 QM_EXPORT size_t qmhost_journal_count(QMJnlh jnl) noexcept {
   if (jnl == nullptr) return 0;
   qmhost::Journal *j = qmhost::asJournal(jnl);
@@ -357,6 +385,7 @@ QM_EXPORT QMStatus qmhost_journal_entry(QMJnlh jnl, size_t i, QMHostJournalEntry
   if (jnl == nullptr || out == nullptr) return QM_E_BAD_ARGUMENT;
   qmhost::Journal *j = qmhost::asJournal(jnl);
   std::lock_guard<std::mutex> g(j->m);
+  if (!j->keeps()) return QM_E_UNSUPPORTED_REQUEST;
   if (i >= j->entries.size()) return QM_E_BAD_ARGUMENT;
   // A deque never moves its elements when others are added or dropped at the
   // ends, so these pointers stay valid while the entry is kept.

@@ -11,6 +11,7 @@
 
 #include "qmelm.h"
 #include "qmhost/qmhost.h"
+#include "qmhost/qmhost_testing.h"
 
 namespace qmtest {
 
@@ -68,6 +69,10 @@ class TestHost {
 
   QMHostStats stats() const;
   size_t liveBlocks() const { return stats().pool_blocks; }
+  // The host's test instruments start disarmed, as in a product (the
+  // benchmarks measure that). failNth arms them; a test that reads call
+  // counts without injecting a failure first arms them itself.
+  void armInstruments(bool on = true) { qmhost_instruments_arm(hndl, on ? 1 : 0); }
   void failNth(QMHostFailKind kind, long n) { qmhost_fail_nth(hndl, kind, n); }
   long calls(QMHostFailKind kind) const { return qmhost_call_count(hndl, kind); }
 

@@ -14,7 +14,8 @@
  * left behind (pools with their blocks, mutexes, journals, pipelines,
  * extensions), and qmhost_stats tells what is live, so tests can prove that an
  * operation left nothing behind. All functions are thread-safe unless noted.
- * This header is valid C.
+ * The test instruments (call counts, failure injection) are declared in
+ * qmhost/qmhost_testing.h. This header is valid C.
  */
 #ifndef QMHOST_H
 #define QMHOST_H
@@ -34,7 +35,12 @@ typedef struct QMHOST_BUILTIN_EXTENSION_S {
   QMExtFactoryFn factory; /* the factory named like the extension */
 } QMHostBuiltinExtension;
 
+/* The host's settings. Always fill one with qmhost_config_init first: it sets
+   size, which tells qmhost_create which fields the caller knows. Fields are
+   only ever added at the end; a program built against an older, smaller
+   layout still gets a host, with the defaults for the fields it lacks. */
 typedef struct QMHOST_CONFIG_S {
+  size_t size; /* sizeof(QMHostConfig) as the caller was compiled */
   /* Directories searched for lib<name>.so, separated by ':'. Null: the
      environment variable QMHOST_EXTENSION_PATH, then the directory that holds
      libqmhost itself. */
@@ -47,10 +53,19 @@ typedef struct QMHOST_CONFIG_S {
   size_t nbuiltins;
 } QMHostConfig;
 
-/* Fills *cfg with the defaults (stderr default journal, UTF-8, no builtins). */
+/* Fills *cfg with its size and the defaults (stderr default journal, UTF-8,
+   no builtins). */
 QM_EXPORT void qmhost_config_init(QMHostConfig *cfg) QM_NOEXCEPT;
-/* Creates a host; cfg null means the defaults. Returns null on failure. */
+/* Creates a host; cfg null means the defaults. Returns null on failure, and
+   qmhost_create_status then tells why. */
 QM_EXPORT QMHndlp qmhost_create(const QMHostConfig *cfg) QM_NOEXCEPT;
+/* Why the calling thread's latest qmhost_create failed, 0 when it succeeded:
+   QM_E_UNSUPPORTED_REQUEST for a cfg->size this host does not know (0, or a
+   newer layout than its own), QM_E_BAD_ARGUMENT for builtins without a name
+   or an unknown default journal kind, QM_E_IO when the default journal's file
+   cannot be opened, QM_E_NO_MEMORY. A refused configuration leaves nothing
+   behind (no file opened, nothing allocated). */
+QM_EXPORT QMStatus qmhost_create_status(void) QM_NOEXCEPT;
 /* Destroys the host and everything still live that it created. */
 QM_EXPORT void qmhost_destroy(QMHndlp h) QM_NOEXCEPT;
 
@@ -61,19 +76,36 @@ QM_EXPORT QMExtensionh qmhost_load_extension(QMHndlp h, const char *name, QMJnlh
 
 QM_EXPORT QMJnlh qmhost_journal_create(QMHndlp h, QMJnlKind kind, const char *path) QM_NOEXCEPT;
 
-/* One journal entry as recorded: every kind of journal keeps its last 4096
-   entries in memory. */
+/* Entries kept: a memory journal keeps its newest QMHOST_JOURNAL_KEEP
+   entries; a stderr or file journal writes its lines and keeps none, unless
+   qmhost_journal_keep asks it to. Only a journal that keeps entries notes
+   the statuses rendered for it (the codes of an entry), so rendering and
+   journaling for one that keeps none do no bookkeeping at all. */
+#define QMHOST_JOURNAL_KEEP 4096
+
+/* Makes jnl keep its newest n entries from now on, dropping the oldest ones
+   it keeps beyond n. n = 0 keeps none: allowed for stderr and file journals,
+   QM_E_BAD_ARGUMENT for a memory journal (it would only lose what it is
+   given). Entries and codes rendered before a journal kept any are not
+   recovered. 0, or QM_E_BAD_ARGUMENT. */
+QM_EXPORT QMStatus qmhost_journal_keep(QMJnlh jnl, size_t n) QM_NOEXCEPT;
+
+/* One journal entry as kept. */
 typedef struct QMHOST_JOURNAL_ENTRY_S {
   QMSeverity severity;
   const char *text;      /* UTF-8, owned by the journal: valid until the entry is
-                            cleared or evicted (4096 newer entries) or the journal
-                            destroyed; read entries while nobody writes to it */
+                            cleared or evicted (by newer entries beyond what the
+                            journal keeps) or the journal destroyed; read entries
+                            while nobody writes to the journal */
   const QMStatus *codes; /* the statuses rendered into this entry, in order */
   size_t ncodes;
 } QMHostJournalEntry;
 
+/* The number of entries kept: 0 for a journal that keeps none. */
 QM_EXPORT size_t qmhost_journal_count(QMJnlh jnl) QM_NOEXCEPT;
-/* Fills *out with entry i (0 = oldest kept); 0 or QM_E_BAD_ARGUMENT. */
+/* Fills *out with entry i (0 = oldest kept): 0; QM_E_BAD_ARGUMENT for an i
+   past the entries kept; QM_E_UNSUPPORTED_REQUEST when jnl keeps no entries
+   (a stderr or file journal not asked to). */
 QM_EXPORT QMStatus qmhost_journal_entry(QMJnlh jnl, size_t i, QMHostJournalEntry *out) QM_NOEXCEPT;
 QM_EXPORT void qmhost_journal_clear(QMJnlh jnl) QM_NOEXCEPT;
 
@@ -93,25 +125,6 @@ typedef struct QMHOST_STATS_S {
 QM_EXPORT void qmhost_stats(QMHndlp h, QMHostStats *out) QM_NOEXCEPT;
 QM_EXPORT size_t qmhost_pool_live_blocks(QMPoolh pool) QM_NOEXCEPT;
 QM_EXPORT size_t qmhost_pool_live_bytes(QMPoolh pool) QM_NOEXCEPT;
-
-/* ---- failure injection (for tests) ------------------------------------ */
-
-typedef enum QMHOST_FAIL_KIND_E {
-  QMHOST_FAIL_ALLOC = 0, /* memAlloc of any pool */
-  QMHOST_FAIL_POOL_CREATE = 1,
-  QMHOST_FAIL_LOCK_CREATE = 2,
-  QMHOST_FAIL_JNL_CREATE = 3,
-  QMHOST_FAIL_PIPELINE_CREATE = 4,
-  QMHOST_FAIL_LOAD_EXTENSION = 5,
-  QMHOST_FAIL_RENDER = 6, /* messageToBuf and statusToBuf */
-  QMHOST_FAIL_KINDS = 7
-} QMHostFailKind;
-
-/* Makes the nth call of kind from now on fail (1 = the next one); 0 turns
-   the injection off. The failing call returns null or QM_E_INJECTED_FAILURE. */
-QM_EXPORT void qmhost_fail_nth(QMHndlp h, QMHostFailKind kind, long n) QM_NOEXCEPT;
-/* Calls of kind made so far (failed ones included). */
-QM_EXPORT long qmhost_call_count(QMHndlp h, QMHostFailKind kind) QM_NOEXCEPT;
 
 /* ---- text ------------------------------------------------------------- */
 

@@ -83,7 +83,6 @@ typedef struct QM_LOCALE_S QMLocale, *QMLocaleh;
   X(QM_E_EXT_VERSION, 0x8001000du, "The extension's interface version is not supported.")         \
   X(QM_E_EXT_INIT_FAILED, 0x8001000eu, "The extension's factory could not create the extension.") \
   X(QM_E_UNSUPPORTED_REQUEST, 0x8001000fu, "The host does not support this request.")             \
-  X(QM_E_INJECTED_FAILURE, 0x80010010u, "The operation failed because a test asked it to.")       \
   X(QM_E_IO, 0x80010011u, "The journal could not be written.")                                    \
   X(QM_E_BAD_PATH, 0x80010012u, "The path cannot be resolved to a full path.")
 
