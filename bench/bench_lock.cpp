@@ -479,11 +479,11 @@ int main(int argc, char **argv) {
   const std::string bareJoin = "bare/stat_open_close";
   std::vector<Row> rows = {
       row("first holder 0x005 (option matched) vs bare calls", first5, 1, bareFirst, 1, Clock::Cpu,
-          Goal::RatioAtMost, 1.3),
+          Goal::RatioAtMost, 1.10),
       row("first holder 0x105 (option given) vs bare calls", first105, 1, bareFirst, 1, Clock::Cpu,
           Goal::Info, 0),
       row("joiner 0x04a (option matched) vs stat+open+close", join4a, 1, bareJoin, 1, Clock::Cpu,
-          Goal::RatioAtMost, 1.5),
+          Goal::RatioAtMost, 0.80),
       row("joiner 0x14a (option given) vs stat+open+close", join14a, 1, bareJoin, 1, Clock::Cpu,
           Goal::Info, 0),
       row("UpdateIOInfo, 1 thread", "io/update", 1, "", 1, Clock::Cpu, Goal::ValueBelow, 50),
@@ -491,7 +491,7 @@ int main(int argc, char **argv) {
           50),
       row("UpdateIOInfo, 2 threads on 2 files", "io/update", 2, "", 1, Clock::RealPerThread,
           Goal::ValueBelow, 50),
-      gain("UpdateIOInfo, 2 threads vs 1 (throughput gain)", "io/update", Goal::Info, 0),
+      gain("UpdateIOInfo, 2 threads vs 1 (throughput gain)", "io/update", Goal::RatioAtLeast, 1.9),
   };
   rows.push_back(row("LockChange 0x008 -> 0x004 -> 0x008 vs 2x (F_SETLK+fstat+stat)",
                      "lock/change_0x008_0x004_and_back", 1, "bare/setlk_fstat_stat_twice", 1,
@@ -502,8 +502,14 @@ int main(int argc, char **argv) {
   pool.unit = "B";
   rows.push_back(pool);
   rows.push_back(
-      gain("get+release 0x005, 2 threads vs 1 (throughput gain)", first5, Goal::RatioAtLeast, 1.6));
+      gain("get+release 0x005, 2 threads vs 1 (throughput gain)", first5, Goal::Info, 0));
   rows.push_back(gain("bare calls, 2 threads vs 1 (throughput gain)", bareFirst, Goal::Info, 0));
+  // Threads on different files do not meet: the lock manager keeps what the
+  // machine gives the bare calls on two threads.
+  Row kept = row("get+release 0x005 gain vs bare calls' gain, 2 threads on 2 files", first5, 2,
+                 bareFirst, 2, Clock::Real, Goal::RatioAtLeast, 0.95);
+  kept.gainOfGains = true;
+  rows.push_back(kept);
   // Sleeps on a mutex do not show on the CPU clock; the switch count does.
   Row waits = row("get+release 0x005, 2 threads: sleeps per op vs bare calls", first5, 2, bareFirst,
                   2, Clock::Cpu, Goal::Info, 0);

@@ -114,7 +114,11 @@ struct Row {
   Goal goal = Goal::Info;
   double target = 0;
   bool speedup = false;  // ratio is bare/value (throughput gain) instead of value/bare
-  std::string counter;   // non-empty: the value is this counter, not a time
+  // The value is bench's wall-clock throughput gain at threads over 1 thread,
+  // the baseline bare's gain at bareThreads over 1 thread, the ratio the
+  // first over the second: how much of what the machine gives bench keeps.
+  bool gainOfGains = false;
+  std::string counter;  // non-empty: the value is this counter, not a time
   std::string unit = "ns";
 };
 
@@ -177,6 +181,42 @@ inline std::string loadAverage() {
   return buf;
 }
 
+inline bool goalMet(const Row &row, double ratio) {
+  switch (row.goal) {
+    case Goal::RatioAtMost:
+      return ratio <= row.target;
+    case Goal::RatioBelow:
+      return ratio < row.target;
+    case Goal::RatioAtLeast:
+      return ratio >= row.target;
+    default:
+      return false;
+  }
+}
+
+// A row whose value and baseline are both throughput gains (see Row).
+inline void printGainOfGains(const Recorder &rec, const Row &row) {
+  auto gain = [&rec](const std::string &name, int64_t threads) {
+    const Figures *one = rec.find(name, 1);
+    const Figures *many = rec.find(name, threads);
+    if (one == nullptr || many == nullptr || one->failed || many->failed || many->real_ns <= 0)
+      return -1.0;
+    return one->real_ns / many->real_ns;
+  };
+  const double g = gain(row.bench, row.threads);
+  const double b = gain(row.bare, row.bareThreads);
+  if (g <= 0 || b <= 0) {
+    std::printf("%-64s %-5s %11s %11s %7s %14s %s\n", row.label.c_str(), "gain", "-", "-", "-",
+                describeGoal(row).c_str(), "not run");
+    return;
+  }
+  const double ratio = g / b;
+  std::printf("%-64s %-5s %11s %11s %7s %14s %s\n", row.label.c_str(), "gain",
+              fmt("%.3f", g).c_str(), fmt("%.3f", b).c_str(), fmt("%.3f", ratio).c_str(),
+              describeGoal(row).c_str(),
+              row.goal == Goal::Info ? "-" : (goalMet(row, ratio) ? "yes" : "NO"));
+}
+
 inline void printSummary(const Recorder &rec, const std::vector<Row> &rows,
                          const std::string &loadBefore) {
   std::printf(
@@ -188,6 +228,10 @@ inline void printSummary(const Recorder &rec, const std::vector<Row> &rows,
   std::printf("%-64s %-5s %11s %11s %7s %14s %s\n", "name", "clock", "ns/op", "bare ns/op", "ratio",
               "target", "met?");
   for (const Row &row : rows) {
+    if (row.gainOfGains) {
+      printGainOfGains(rec, row);
+      continue;
+    }
     const Figures *f = rec.find(row.bench, row.threads);
     const Figures *b = row.bare.empty() ? nullptr : rec.find(row.bare, row.bareThreads);
     std::string label = row.label;
@@ -212,22 +256,10 @@ inline void printSummary(const Recorder &rec, const std::vector<Row> &rows,
       ratioText = fmt("%.3f", ratio);
     }
     bool met = false;
-    switch (row.goal) {
-      case Goal::Info:
-        break;
-      case Goal::RatioAtMost:
-        met = b != nullptr && ratio <= row.target;
-        break;
-      case Goal::RatioBelow:
-        met = b != nullptr && ratio < row.target;
-        break;
-      case Goal::RatioAtLeast:
-        met = b != nullptr && ratio >= row.target;
-        break;
-      case Goal::ValueBelow:
-        met = v >= 0 && v < row.target;
-        break;
-    }
+    if (row.goal == Goal::ValueBelow)
+      met = v >= 0 && v < row.target;
+    else if (row.goal != Goal::Info)
+      met = b != nullptr && goalMet(row, ratio);
     std::printf("%-64s %-5s %11s %11s %7s %14s %s\n", label.c_str(), clockName(row), value.c_str(),
                 bare.c_str(), ratioText.c_str(), describeGoal(row).c_str(),
                 row.goal == Goal::Info ? "-" : (met ? "yes" : "NO"));

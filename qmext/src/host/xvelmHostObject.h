@@ -31,6 +31,8 @@ class HostObject {
   H get() const { return h_; }
   explicit operator bool() const { return h_ != nullptr; }
   [[nodiscard]] H release() { return std::exchange(h_, nullptr); }
+  // Destroys what it holds and takes h.
+  void adopt(H h) { destroyObject(std::exchange(h_, h)); }
 
  private:
   H h_ = nullptr;

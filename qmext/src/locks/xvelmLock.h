@@ -140,6 +140,10 @@ struct FailureText {
   QMStrSize nameLen;
   MessageTail tail;
   int err = 0;  // the errno piece's value
+  // Closes the message with "a process on another machine (PID n there)
+  // holds the lock" (after the tail): the refusal's holder is remote.
+  bool remoteHolder = false;
+  long holderPid = 0;
 };
 
 // Journals one file-lock failure message: head, the resource piece, the name,

@@ -251,7 +251,8 @@ QMStatus Change::recordLock(QMMemSize newType, QMMemSize exclusiveBefore, QMMemS
     case RecordLockResult::Outcome::Refused:
       break;
   }
-  QMStatus st = analyseRefusal(fd, r.req, err, newType, RefusalRules::Change, parms_).status;
+  const Refusal why = analyseRefusal(fd, r.req, err, newType, RefusalRules::Change, parms_);
+  QMStatus st = why.status;
   if (st == 0) {
     if (newType & QMELM_OPT_CONTINUE) {
       // Asked to go on whatever the record lock does: committed as if the
@@ -261,8 +262,10 @@ QMStatus Change::recordLock(QMMemSize newType, QMMemSize exclusiveBefore, QMMemS
     }
     st = QMELM_E_EXT_LOCK_FAILED;
   }
-  (void)journalFileLockFailure(ext_, jnl_, text(st, MessageTail::Errno, parms_->Errno),
-                               Rendering::Unchecked);
+  FailureText t = text(st, MessageTail::Errno, parms_->Errno);
+  t.remoteHolder = why.remoteHolder;
+  t.holderPid = parms_->LockerPID;
+  (void)journalFileLockFailure(ext_, jnl_, t, Rendering::Unchecked);
   return st;
 }
 

@@ -1,11 +1,14 @@
 /*
  * xvelmLockGet - a lock request to a handle: finds or makes the file's node
  * (through the name index, xvelmNodeList.cpp), has the locks granted,
- * destroys the dead nodes its look-up collected. Takes
- * ListMutex, then a node's NodeDeleteMutex (shared) and NodeMutex. Allocates
- * the handle (the caller's until LockRelease) and new nodes (LockList's).
- * Returns null with *qmrc: bad resource or lock type, no memory, no pipeline
- * (QMELM_E_LOCKGET_SETUP), a host status, or the acquisition's refusal.
+ * destroys the dead nodes its look-up collected. The look-up holds ListMutex
+ * shared when it only finds a live node, and exclusively when it must take
+ * dead nodes off the list or list a new node (whose blocks and mutexes are
+ * made before, so the exclusive hold stays short); then a node's
+ * NodeDeleteMutex (shared) and NodeMutex. Allocates the handle (the caller's
+ * until LockRelease) and new nodes (LockList's). Returns null with *qmrc:
+ * bad resource or lock type, no memory, no pipeline (QMELM_E_LOCKGET_SETUP),
+ * a host status, or the acquisition's refusal.
  */
 #include <sys/stat.h>
 
@@ -58,6 +61,31 @@ QMStatus hostStatus(QMHndlp) {
   return QMELM_E_NO_MEMORY;
 }
 
+// A new node's blocks and mutexes, made before the name's look-up holds
+// ListMutex exclusively; what the list does not take is freed (the mutexes
+// destroyed) with it. status is the first failure, 0 when all was made.
+struct FreshNode {
+  FreshNode(QMELMExtension *ext, QMMemSize nameLen, const char *narrowName, QMJnlh jnl) noexcept
+      : node(ext->Pool, jnl), name(ext->Pool, jnl) {
+    QMHndlp hndl = ext->Common.hndl;
+    if (!node.allocate() || !name.allocate((nameLen + 1) * sizeof(QMChar))) {
+      status = QMELM_E_NO_MEMORY;
+      return;
+    }
+    // The mutex is named after the file for the host's diagnostics; the
+    // host takes narrow names, so it gets the narrow one.
+    const QMLockCreateParms lcp{};
+    nodeMutex.adopt(hndl->lockCreate(hndl, &lcp, nullptr, narrowName));
+    if (nodeMutex) deleteMutex.adopt(hndl->lockCreate(hndl, &lcp, nullptr, nullptr));
+    if (!nodeMutex || !deleteMutex) status = hostStatus(hndl);
+  }
+  QMStatus status = 0;
+  PoolPtr<NodeState> node;
+  PoolPtr<QMChar> name;
+  HostObject<QMLockh> nodeMutex;
+  HostObject<QMLockh> deleteMutex;
+};
+
 class Acquisition {
  public:
   Acquisition(QMELMExtension *ext, XVELMFileLockParms *parms, QMJnlh jnl)
@@ -87,8 +115,10 @@ class Acquisition {
   [[nodiscard]] QMStatus makeNarrowName(QMNLSPipelineh pipe, HostObject<QMNLSPipelineh> &own,
                                         NLScei target) noexcept;
   void statName() noexcept;
+  [[nodiscard]] std::optional<QMStatus> enter(NodeState *node, MutexGuard &list) noexcept;
   [[nodiscard]] QMStatus acquireOnExisting(NodeState *node) noexcept;
-  [[nodiscard]] QMStatus acquireOnNew(std::optional<MutexGuard> &list) noexcept;
+  [[nodiscard]] QMStatus acquireOnNew(MutexGuard &list) noexcept;
+  void makeFreshNode() noexcept { fresh_.emplace(ext_, parms_->FilenameLen, narrow_.get(), jnl_); }
   QMELMLHndlp lock() { return &block_->pub.Common; }
 
   QMELMExtension *ext_;
@@ -102,6 +132,7 @@ class Acquisition {
   PoolPtr<char> narrow_;
   NarrowName nn_;
   uint64_t hash_ = 0;  // of the narrow name, for the index
+  std::optional<FreshNode> fresh_;
 };
 
 QMStatus Acquisition::allocateHandle(QMMemSize resType, QMMemSize lockType) noexcept {
@@ -191,43 +222,48 @@ void Acquisition::statName() noexcept {
   }
 }
 
+// Enters a live node found under list (held in either mode): its
+// NodeDeleteMutex is taken (shared) before list is given back, so the node
+// cannot be destroyed meanwhile, then its NodeMutex. Empty when the node's
+// last holder left while we waited: the caller looks again.
+std::optional<QMStatus> Acquisition::enter(NodeState *node, MutexGuard &list) noexcept {
+  MutexGuard del(node->pub.CommonLock.NodeDeleteMutex, Rank::NodeDelete, LockMode::Shared);
+  if (!del) return fail(del.status());
+  list.unlock();
+  MutexGuard nm(node->pub.CommonLock.NodeMutex, Rank::Node);
+  if (!nm) return fail(nm.status());
+  if (isDead(&node->pub.CommonLock)) return std::nullopt;
+  return acquireOnExisting(node);
+}
+
 // NodeDeleteMutex and NodeMutex of the node are held.
 QMStatus Acquisition::acquireOnExisting(NodeState *node) noexcept {
   node->pub.FileSize = nn_.size;
   (void)narrow_.reset();  // the node keeps its own
+  (void)fresh_.reset();   // made in case the name had no node: not needed
   lock()->Private.ResLock = &node->pub.CommonLock;
   return acquireOn(lock(), parms_, jnl_);
 }
 
-// No node has the name: make one and put it at the head of LockList
-// (ListMutex held on entry). The node's NodeMutex is taken before ListMutex
-// is given back, so no second caller can enter the node (and so create the
-// same absent file) before its first holder has the file open; requests for
-// other files do not wait for that open.
-QMStatus Acquisition::acquireOnNew(std::optional<MutexGuard> &list) noexcept {
-  QMPoolh pool = ext_->Pool;
-  PoolPtr<NodeState> node(pool, jnl_);
-  if (!node.allocate()) return fail(QMELM_E_NO_MEMORY);
-  PoolPtr<QMChar> name(pool, jnl_);
-  if (!name.allocate((parms_->FilenameLen + 1) * sizeof(QMChar))) return fail(QMELM_E_NO_MEMORY);
+// No node has the name: the fresh node goes to the head of LockList
+// (ListMutex held exclusively on entry). It is made here when the look-up
+// before saw the name's node live (it died since). The node's NodeMutex is
+// taken before ListMutex is given back, so no second caller can enter the
+// node (and so create the same absent file) before its first holder has the
+// file open; requests for other files do not wait for that open.
+QMStatus Acquisition::acquireOnNew(MutexGuard &list) noexcept {
+  if (!fresh_) makeFreshNode();
+  if (fresh_->status != 0) return fail(fresh_->status);
   if (parms_->FilenameLen != 0)
-    std::memcpy(name.get(), parms_->Filename, parms_->FilenameLen * sizeof(QMChar));
+    std::memcpy(fresh_->name.get(), parms_->Filename, parms_->FilenameLen * sizeof(QMChar));
 
-  // The mutex is named after the file for the host's diagnostics; the host
-  // takes narrow names, so it gets the narrow one.
-  const QMLockCreateParms lcp{};
-  HostObject<QMLockh> nodeMutex(hndl_->lockCreate(hndl_, &lcp, nullptr, narrow_.get()));
-  if (!nodeMutex) return fail(hostStatus(hndl_));
-  HostObject<QMLockh> deleteMutex(hndl_->lockCreate(hndl_, &lcp, nullptr, nullptr));
-  if (!deleteMutex) return fail(hostStatus(hndl_));
-
-  NodeState *n = node.release();
+  NodeState *n = fresh_->node.release();
   XVELMFileLock &f = n->pub;
   f.CommonLock.ID = &f.ID;
   f.CommonLock.ResourceType = QMELM_RESOURCE_FILE;
-  f.CommonLock.NodeMutex = nodeMutex.release();
-  f.CommonLock.NodeDeleteMutex = deleteMutex.release();
-  f.ID.Filename = name.release();
+  f.CommonLock.NodeMutex = fresh_->nodeMutex.release();
+  f.CommonLock.NodeDeleteMutex = fresh_->deleteMutex.release();
+  f.ID.Filename = fresh_->name.release();
   f.ID.NarrowFilename = narrow_.release();
   f.ID.FilenameLen = parms_->FilenameLen;
   f.ID.NFilenameLen = nn_.len;
@@ -248,7 +284,7 @@ QMStatus Acquisition::acquireOnNew(std::optional<MutexGuard> &list) noexcept {
     queueDeadNode(n);
     return fail(nm.status());
   }
-  list.reset();
+  list.unlock();
   lock()->Private.ResLock = &f.CommonLock;
   const QMStatus st = acquireOn(lock(), parms_, jnl_);
   // A node whose first acquisition failed stays on the list, dead, for the
@@ -280,23 +316,31 @@ QMStatus Acquisition::run(QMMemSize resType, QMMemSize lockType, DeadNodes &dead
   if (const QMStatus st = makeNarrowName(pipe, own, target); st != 0) return st;
   statName();
 
+  // The usual join: the name's node is live and no dead node waits to be
+  // taken off the list, so a shared hold of ListMutex is all the look-up
+  // needs, and joiners of different files do not wait for each other.
   hash_ = nameHash(narrow_.get(), nn_.len, parms_->FilenameLen);
-  std::optional<MutexGuard> list(std::in_place, ext_->ListMutex, Rank::List);
+  NodeState *seen = nullptr;
+  {
+    MutexGuard shared(ext_->ListMutex, Rank::List, LockMode::Shared);
+    if (!shared) return fail(shared.status());
+    seen = peekNode(ext_, narrow_.get(), nn_.len, parms_->FilenameLen, hash_);
+    if (seen != nullptr && !deadQueued(ext_)) {
+      if (const std::optional<QMStatus> st = enter(seen, shared)) return *st;
+    }
+  }
+  // A name without a node is about to get one: it is made before the
+  // exclusive hold. A failure to make it only counts if the name still has
+  // no node then.
+  if (seen == nullptr) makeFreshNode();
   for (;;) {
-    if (!*list) return fail(list->status());
+    MutexGuard list(ext_->ListMutex, Rank::List);
+    if (!list) return fail(list.status());
     collectDead(ext_, dead);
     NodeState *node = findNode(ext_, narrow_.get(), nn_.len, parms_->FilenameLen, hash_);
     if (node == nullptr) return acquireOnNew(list);
-    MutexGuard del(node->pub.CommonLock.NodeDeleteMutex, Rank::NodeDelete, LockMode::Shared);
-    if (!del) return fail(del.status());
-    list.reset();
-    MutexGuard nm(node->pub.CommonLock.NodeMutex, Rank::Node);
-    if (!nm) return fail(nm.status());
-    if (!isDead(&node->pub.CommonLock)) return acquireOnExisting(node);
-    // Its last holder left while we waited: start again.
-    nm.unlock();
-    del.unlock();
-    list.emplace(ext_->ListMutex, Rank::List);
+    if (const std::optional<QMStatus> st = enter(node, list)) return *st;
+    // Its last holder left while we waited: look again.
   }
 }
 

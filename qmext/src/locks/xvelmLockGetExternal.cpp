@@ -160,8 +160,10 @@ QMStatus External::takeRecordLock(XVELMFileDescriptorp d) const {
 QMStatus External::refused(XVELMFileDescriptorp d, struct flock &req, int err) const {
   const Refusal why = analyseRefusal(d->fd, req, err, R, RefusalRules::Acquisition, parms);
   (void)uncountExternal(res(), R, ExternalRule::Acquisition);
-  (void)journalFileLockFailure(ext, jnl, text(why.status, MessageTail::Errno, why.reported),
-                               Rendering::Unchecked);
+  FailureText t = text(why.status, MessageTail::Errno, why.reported);
+  t.remoteHolder = why.remoteHolder;
+  t.holderPid = parms->LockerPID;
+  (void)journalFileLockFailure(ext, jnl, t, Rendering::Unchecked);
   return fail(why.status, d);
 }
 

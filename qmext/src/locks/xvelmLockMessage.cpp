@@ -3,6 +3,8 @@
 // Acquisition, change, release and close all report through it. Takes no
 // mutex; the composer's buffer comes from the pool and is freed before the
 // function returns.
+#include <cstdio>
+
 #include "host/xvelmJournal.h"
 #include "locks/xvelmLock.h"
 
@@ -25,6 +27,16 @@ bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl, const Failure
     case MessageTail::DoubledEnd:
       msg.status(QMELM_M_RESOURCE_END);
       break;
+  }
+  if (t.remoteHolder) {
+    char narrow[96];
+    const int n =
+        std::snprintf(narrow, sizeof narrow,
+                      "; a process on another machine (PID %ld there) holds the lock", t.holderPid);
+    QMChar wide[sizeof narrow];
+    const auto len = static_cast<QMStrSize>(n > 0 && n < static_cast<int>(sizeof narrow) ? n : 0);
+    for (QMStrSize i = 0; i < len; ++i) wide[i] = static_cast<unsigned char>(narrow[i]);
+    msg.text(wide, len);
   }
   (void)msg.journal();
   // A buffer the pool refused is no composition failure: there was nothing

@@ -1,7 +1,8 @@
 /*
  * xvelmNodeList - an extension's file nodes: LockList, the index by name
  * beside it, and the dead nodes. Listing, look-up and taking dead nodes off
- * run under ListMutex; a dead node is destroyed after ListMutex is given
+ * run under ListMutex (a look-up that changes nothing under a shared hold of
+ * it, the rest exclusively); a dead node is destroyed after ListMutex is given
  * back, under its own NodeDeleteMutex and NodeMutex. Grown index buckets
  * come from the extension's pool (freed when the index grows again, or with
  * the pool); a destroyed node's blocks and mutexes are freed here.
@@ -170,6 +171,22 @@ NodeState *findNode(QMELMExtension *ext, const char *narrow, QMMemSize narrowLen
   }
   return nullptr;
 }
+NodeState *peekNode(QMELMExtension *ext, const char *narrow, QMMemSize narrowLen, QMMemSize qmLen,
+                    uint64_t hash) noexcept {
+  const uint32_t gen = forkGeneration();
+  for (NodeState *n = bucketFor(stateOf(ext), hash); n != nullptr; n = n->indexNext) {
+    if (n->generation != gen) return nullptr;
+    if (n->hash == hash && !isDead(&n->pub.CommonLock) &&
+        sameName(n->pub.ID, narrow, narrowLen, qmLen))
+      return n;
+  }
+  return nullptr;
+}
+
+bool deadQueued(QMELMExtension *ext) noexcept {
+  return __atomic_load_n(&stateOf(ext)->dead, __ATOMIC_ACQUIRE) != nullptr;
+}
+
 void DeadNodes::add(NodeState *n) noexcept {
   n->deadNext = nullptr;
   if (tail_ != nullptr)

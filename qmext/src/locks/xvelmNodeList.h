@@ -1,9 +1,11 @@
 /*
  * xvelmNodeList.h - an extension's file nodes (xvelmNodeList.cpp): LockList
  * with its index by name, and the dead nodes an acquisition takes off them
- * and destroys. Mutex rules: everything but DeadNodes::destroyAll runs with
- * the extension's ListMutex held; destroyAll runs with no mutex held and
- * takes each node's NodeDeleteMutex, then its NodeMutex.
+ * and destroys. Mutex rules: peekNode runs with the extension's ListMutex
+ * held shared, deadQueued with no mutex; listing, findNode and collectDead
+ * change the list and the index and need it held exclusively; destroyAll
+ * runs with no mutex held and takes each node's NodeDeleteMutex, then its
+ * NodeMutex.
  */
 #ifndef XVELM_NODELIST_H
 #define XVELM_NODELIST_H
@@ -29,6 +31,15 @@ void initNodeList(ExtensionState *es) noexcept;
 // is dropped from the index and the list as it is met.
 [[nodiscard]] NodeState *findNode(QMELMExtension *ext, const char *narrow, QMMemSize narrowLen,
                                   QMMemSize qmLen, uint64_t hash) noexcept;
+
+// The live node of the name as a shared hold of ListMutex sees it: the same
+// match as findNode, but nothing is changed, so null also when a node made
+// before a fork is met on the way (findNode drops it).
+[[nodiscard]] NodeState *peekNode(QMELMExtension *ext, const char *narrow, QMMemSize narrowLen,
+                                  QMMemSize qmLen, uint64_t hash) noexcept;
+
+// Whether a dead node waits to be taken off LockList (no mutex needed).
+[[nodiscard]] bool deadQueued(QMELMExtension *ext) noexcept;
 
 // Puts a new node (its hash set) at the head of LockList and into the
 // index, which grows when it holds more nodes than buckets (a pool that

@@ -16,6 +16,7 @@
 #include "host/xvelmMutex.h"
 #include "host/xvelmPool.h"
 #include "host/xvelmSys.h"
+#include "locks/xvelmRemoteHolder.h"
 
 namespace xvelm::detail {
 
@@ -238,6 +239,7 @@ Refusal analyseRefusal(int fd, struct flock &req, int err, QMMemSize type, Refus
   const int getlkErr = errno;
   parms->LockerPID = req.l_pid;  // a failed question leaves the request as it stood
   parms->SystemID = 0;           // struct flock has no system id here
+  out.remoteHolder = asked && req.l_type != F_UNLCK && holderIsRemote(fd, req.l_pid);
   if (rules == RefusalRules::Acquisition) {
     // The errno reported is the refused request's; a failed question reports
     // its own errno and no holder.

@@ -126,6 +126,9 @@ enum class RefusalRules { Acquisition, Change };
 struct Refusal {
   QMStatus status;  // for Change, 0 when the holder could not be determined
   int reported;     // the errno the message carries
+  // The holder is a process on another machine (LockerPID is its number
+  // there): the message says so instead of leaving a local PID to be read.
+  bool remoteHolder = false;
 };
 
 // Asks who holds the lock that a refused request (errno err, or EAGAIN for

@@ -37,23 +37,6 @@ bool isStorable(int32_t option) {
   return option == QMELM_Fail || option == QMELM_None || option == QMELM_Continue;
 }
 
-// The slot a new key goes to: the table is sorted and holds no entry equal to
-// the key, so the key lies before slot 0, after the last slot, or between two
-// neighbours.
-QMMemSize insertPosition(const QMELMExtension *ext, const QMChar *key, QMStrSize len) {
-  const QMMemSize n = ext->NumOptions;
-  QMELMLockOptions *slots = ext->Options;
-  auto cmp = [&](QMMemSize i) {
-    return xvelmLexicalCompare(key, len, slots[i]->fullpath, slots[i]->fullpathlen);
-  };
-  if (n == 0 || cmp(0) < 0) return 0;
-  if (cmp(n - 1) > 0) return n;
-  for (QMMemSize i = 0; i + 1 < n; ++i) {
-    if (cmp(i) > 0 && cmp(i + 1) < 0) return i + 1;
-  }
-  return n;  // not reached while the table is sorted
-}
-
 // Doubles the slot array (16 slots the first time). Expects OptionMutex held.
 // The old array's free status is what the whole call returns in the end (it
 // is journaled by freeBlock); the new array is installed either way.
@@ -104,13 +87,12 @@ int xvelmAddOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) 
 
   // An entry with the same key only takes the new option. Its path text stays
   // the one it was first stored with: intentional, the first caller's spelling
-  // of the path is what snapshots show.
-  for (QMMemSize i = 0; i < ext->NumOptions; ++i) {
-    QMELM_LOCK_OPTION_S *e = ext->Options[i];
-    if (e->fullpathlen == keyLen && sameText(e->fullpath, key.get(), keyLen)) {
-      e->option = static_cast<QMELMLockOption>(option);
-      return 0;
-    }
+  // of the path is what snapshots show. Otherwise pos is where the new key
+  // keeps the table sorted (a grown slot array keeps the order).
+  const QMMemSize pos = firstNotBefore(ext, key.get(), keyLen);
+  if (slotHolds(ext, pos, key.get(), keyLen)) {
+    ext->Options[pos]->option = static_cast<QMELMLockOption>(option);
+    return 0;
   }
 
   // A slot array grown here stays grown even if the entry cannot be made.
@@ -135,14 +117,13 @@ int xvelmAddOption(QMELMExtensionp ext, QMELMSetOptionParms *parms, QMJnlh jnl) 
     return QMELM_E_NO_MEMORY;
   }
 
-  const QMMemSize pos = insertPosition(ext, key.get(), keyLen);
   entry->pathlen = pathLen;
   entry->fullpathlen = keyLen;
   entry->option = static_cast<QMELMLockOption>(option);
   entry->path = path.release();
   entry->fullpath = key.release();
   QMELMLockOptions *slots = ext->Options;
-  for (QMMemSize k = ext->NumOptions; k > pos; --k) slots[k] = slots[k - 1];
+  std::memmove(slots + pos + 1, slots + pos, (ext->NumOptions - pos) * sizeof(QMELMLockOptions));
   slots[pos] = entry.release();
   ++ext->NumOptions;
   --ext->NumSlotsLeft;

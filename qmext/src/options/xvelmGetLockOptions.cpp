@@ -1,5 +1,6 @@
 // xvelmGetLockOptions: a deep copy of the lock option table, in table order,
-// made under OptionMutex so that it is one state of the table. Allocates the
+// made under a shared hold of OptionMutex so that it is one state of the table
+// (copies do not wait for each other, only for a change). Allocates the
 // pointer array, the entries and their strings from the extension's pool; the
 // caller owns them until ReleaseLockOptions. Returns 0 or QMELM_E_NO_MEMORY.
 #include <cstring>
@@ -50,7 +51,7 @@ int xvelmGetLockOptions(QMELMExtensionp ext, QMELMGetOptionsParms *parms, QMJnlh
   JournalDeferral deferral;  // no journal write while a mutex is held
   if (ext == nullptr) return journaled(jnl, QMELM_E_NULL_EXTENSION);
   if (parms == nullptr) return journaled(jnl, QMELM_E_NULL_PARMS);
-  MutexGuard guard(ext->OptionMutex, Rank::Option);
+  MutexGuard guard(ext->OptionMutex, Rank::Option, LockMode::Shared);
   if (!guard) return journaled(jnl, guard.status());
   const QMStatus rc = copyTable(ext, parms);
   guard.unlock();

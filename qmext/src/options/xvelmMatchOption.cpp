@@ -1,9 +1,10 @@
 // xvelmMatchOption: the lock option that governs a path, the option of the
 // entry whose key is the longest directory prefix of the path's full path (the
 // root entry's otherwise). Resolves through qmioe before taking OptionMutex;
-// searches and copies under it. Allocates the two copies handed back in parms
-// (the caller frees them with ReleaseMatch). Returns 0, QMELM_E_NO_PATH,
-// QMELM_E_NO_MEMORY, or qmioe's status; every failure is journaled.
+// searches and copies under a shared hold of it
+// (matches do not wait for each other, only for a change). Allocates the two copies handed back in
+// parms (the caller frees them with ReleaseMatch). Returns 0, QMELM_E_NO_PATH, QMELM_E_NO_MEMORY,
+// or qmioe's status; every failure is journaled.
 #include "frame/xvelm.h"
 #include "host/xvelmJournal.h"
 #include "host/xvelmMutex.h"
@@ -89,7 +90,7 @@ int xvelmMatchOption(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh j
   const QMChar *f = full.get();
   parms->fullpath = full.release();
 
-  MutexGuard guard(ext->OptionMutex, Rank::Option);
+  MutexGuard guard(ext->OptionMutex, Rank::Option, LockMode::Shared);
   if (!guard) return journaled(jnl, guard.status());
   const Governing g = governingEntry(ext, f, flen);
   parms->option = g.option;

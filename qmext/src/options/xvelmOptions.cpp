@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "frame/xvelm.h"
 #include "host/xvelmJournal.h"
 #include "host/xvelmPool.h"
 #include "host/xvelmQMChar.h"
@@ -68,6 +69,67 @@ int32_t requestedOption(const QMELMLockOption &option) noexcept {
   int32_t raw;
   std::memcpy(&raw, &option, sizeof raw);
   return raw;
+}
+
+namespace {
+
+// The first slot for which before(entry) is false; before must hold for a
+// leading run of the sorted slots and for no slot after it.
+template <class Before>
+QMMemSize partitionPoint(const QMELMExtension *ext, Before before) {
+  QMMemSize lo = 0;
+  QMMemSize hi = ext->NumOptions;
+  while (lo < hi) {
+    const QMMemSize mid = lo + (hi - lo) / 2;
+    if (before(*ext->Options[mid]))
+      lo = mid + 1;
+    else
+      hi = mid;
+  }
+  return lo;
+}
+
+// Compares r with the text prefix followed by one more code unit, tail,
+// in the table's order, without building that text.
+int64_t compareWithTail(const QMChar *r, QMStrSize rlen, const QMChar *prefix, QMStrSize len,
+                        QMChar tail) {
+  const int64_t c = xvelmLexicalCompare(r, rlen < len ? rlen : len, prefix, len);
+  if (c != 0 || rlen < len) return c != 0 ? c : -1;
+  if (rlen == len) return -1;  // r is prefix alone: shorter, so first
+  const auto x = static_cast<int32_t>(r[len]);
+  const auto y = static_cast<int32_t>(tail);
+  if (x != y) return x < y ? -1 : 1;
+  return rlen == len + 1 ? 0 : 1;
+}
+
+}  // namespace
+
+QMMemSize firstNotBefore(const QMELMExtension *ext, const QMChar *key, QMStrSize len) noexcept {
+  return partitionPoint(ext, [&](const QMELM_LOCK_OPTION_S &e) {
+    return xvelmLexicalCompare(e.fullpath, e.fullpathlen, key, len) < 0;
+  });
+}
+
+SlotRange prefixRange(const QMELMExtension *ext, const QMChar *prefix, QMStrSize len,
+                      QMChar tail) noexcept {
+  auto startsWith = [&](const QMELM_LOCK_OPTION_S &e) {
+    return e.fullpathlen > len && e.fullpath[len] == tail && sameText(e.fullpath, prefix, len);
+  };
+  SlotRange r;
+  r.first = partitionPoint(ext, [&](const QMELM_LOCK_OPTION_S &e) {
+    return compareWithTail(e.fullpath, e.fullpathlen, prefix, len, tail) < 0;
+  });
+  // Before the range's end: keys before the prefix, and keys that start with it.
+  r.last = partitionPoint(ext, [&](const QMELM_LOCK_OPTION_S &e) {
+    return startsWith(e) || compareWithTail(e.fullpath, e.fullpathlen, prefix, len, tail) < 0;
+  });
+  return r;
+}
+
+bool slotHolds(const QMELMExtension *ext, QMMemSize i, const QMChar *key, QMStrSize len) noexcept {
+  if (i >= ext->NumOptions) return false;
+  const QMELM_LOCK_OPTION_S *e = ext->Options[i];
+  return e->fullpathlen == len && sameText(e->fullpath, key, len);
 }
 
 }  // namespace xvelm::detail

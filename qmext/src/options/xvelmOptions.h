@@ -57,6 +57,23 @@ inline bool isRootKey(const QMChar *s, QMStrSize n) {
   return n == 1 && s[0] == '/';
 }
 
+// Binary searches of the sorted table (OptionMutex held). firstNotBefore:
+// the first slot whose key is not before key (NumOptions when every key is).
+// prefixRange: the slots whose key starts with prefix followed by tail, as
+// [first, last); the table keeps them side by side because a common start
+// sorts together.
+[[nodiscard]] QMMemSize firstNotBefore(const QMELMExtension *ext, const QMChar *key,
+                                       QMStrSize len) noexcept;
+struct SlotRange {
+  QMMemSize first = 0;
+  QMMemSize last = 0;
+};
+[[nodiscard]] SlotRange prefixRange(const QMELMExtension *ext, const QMChar *prefix, QMStrSize len,
+                                    QMChar tail) noexcept;
+// Whether slot i holds exactly key.
+[[nodiscard]] bool slotHolds(const QMELMExtension *ext, QMMemSize i, const QMChar *key,
+                             QMStrSize len) noexcept;
+
 // The option of a request as stored by a C caller, who may pass any 32-bit
 // value: read without assuming it is one of the enumerators.
 int32_t requestedOption(const QMELMLockOption &option) noexcept;

@@ -15,22 +15,6 @@ using namespace xvelm::detail;
 
 namespace {
 
-// Whether a reset of full path f (flen) removes the entry e: the entry itself
-// (also when the request adds a trailing slash), or any entry below it, that
-// is whose path continues with "/" right after the request's. A request with
-// a trailing slash ("/x/") therefore removes "/x" but not "/x/y/z" (whose
-// character after "/x/" is "y"). The root entry survives every reset but
-// that of "/".
-bool resetRemoves(const QMChar *f, QMStrSize flen, const QMELM_LOCK_OPTION_S *e) {
-  const QMChar *r = e->fullpath;
-  const QMStrSize rlen = e->fullpathlen;
-  if (isRootKey(r, rlen) && flen > 1) return false;
-  if (flen == rlen) return sameText(f, r, flen);
-  if (flen == rlen + 1) return f[flen - 1] == '/' && sameText(f, r, rlen);
-  if (flen < rlen) return r[flen] == '/' && sameText(f, r, flen);
-  return false;
-}
-
 // Frees an entry with its two strings; every failing free is journaled, the
 // entry's own free decides the status.
 [[nodiscard]] QMStatus freeEntry(QMPoolh pool, QMELM_LOCK_OPTION_S *e, QMJnlh jnl) {
@@ -39,36 +23,68 @@ bool resetRemoves(const QMChar *f, QMStrSize flen, const QMELM_LOCK_OPTION_S *e)
   return freeBlock(pool, e, jnl);
 }
 
-// Removes the entries resetRemoves selects (all of them for the whole reset
-// but a root entry in slot 0, which is set back to QMELM_Fail) and closes the
-// gaps, keeping the order. Expects OptionMutex held. Returns whether anything
-// was selected; *result receives the status of the last entry freed.
+// The slots a reset of full path f (flen) removes, found by binary search:
+// the entry of f itself; with a trailing slash ("/x/") also the entry of f
+// without it ("/x"); and every entry below f, that is whose key continues
+// with "/" right after f. A request with a trailing slash therefore removes
+// "/x" but not "/x/y/z" (whose key does not continue "/x/" with "/"). The
+// root entry survives every reset but that of "/". The ranges come back in
+// table order and do not overlap: f without its slash sorts before f, and f
+// before the keys below it.
+struct Doomed {
+  SlotRange ranges[3];
+  int count = 0;
+  void single(const QMELMExtension *ext, const QMChar *key, QMStrSize len) {
+    const QMMemSize i = firstNotBefore(ext, key, len);
+    if (slotHolds(ext, i, key, len) && !isRootKey(key, len)) ranges[count++] = {i, i + 1};
+  }
+};
+
+Doomed selectForReset(const QMELMExtension *ext, const QMChar *f, QMStrSize flen) {
+  Doomed d;
+  if (flen > 1 && f[flen - 1] == '/') d.single(ext, f, flen - 1);
+  d.single(ext, f, flen);
+  const SlotRange below = prefixRange(ext, f, flen, '/');
+  if (below.first < below.last) d.ranges[d.count++] = below;
+  return d;
+}
+
+// Removes the selected entries (all of them for the whole reset but a root
+// entry in slot 0, which is set back to QMELM_Fail) and closes the gaps,
+// keeping the order. Expects OptionMutex held. Returns whether anything was
+// selected; *result receives the status of the last entry freed.
 //
 // The whole reset keeps the root entry in place instead of freeing it and
 // storing a new one: the table then never looks empty to a concurrent match
 // or snapshot, which rely on the root being in slot 0.
 bool removeEntries(QMELMExtension *ext, const QMChar *f, QMStrSize flen, QMJnlh jnl,
                    QMStatus *result) {
-  const bool whole = isRootKey(f, flen);
   QMELMLockOptions *slots = ext->Options;
   const QMMemSize n = ext->NumOptions;
-  QMMemSize kept = 0;
-  bool any = whole;
-  for (QMMemSize i = 0; i < n; ++i) {
-    QMELM_LOCK_OPTION_S *e = slots[i];
-    const bool keepRoot = whole && i == 0 && isRootKey(e->fullpath, e->fullpathlen);
-    if (keepRoot) e->option = QMELM_Fail;
-    if (keepRoot || (!whole && !resetRemoves(f, flen, e))) {
-      slots[kept++] = e;
-      continue;
-    }
-    *result = freeEntry(ext->Pool, e, jnl);
-    any = true;
+  Doomed doomed;
+  const bool whole = isRootKey(f, flen);
+  if (whole) {
+    const bool root = n > 0 && isRootKey(slots[0]->fullpath, slots[0]->fullpathlen);
+    if (root) slots[0]->option = QMELM_Fail;
+    doomed.ranges[doomed.count++] = {root ? QMMemSize{1} : QMMemSize{0}, n};
+  } else {
+    doomed = selectForReset(ext, f, flen);
+    if (doomed.count == 0) return false;
+  }
+  // Free each range, then move the survivors after it down over the gap.
+  QMMemSize kept = doomed.ranges[0].first;
+  for (int r = 0; r < doomed.count; ++r) {
+    const SlotRange &range = doomed.ranges[r];
+    for (QMMemSize i = range.first; i < range.last; ++i)
+      *result = freeEntry(ext->Pool, slots[i], jnl);
+    const QMMemSize next = r + 1 < doomed.count ? doomed.ranges[r + 1].first : n;
+    std::memmove(slots + kept, slots + range.last, (next - range.last) * sizeof(QMELMLockOptions));
+    kept += next - range.last;
   }
   for (QMMemSize i = kept; i < n; ++i) slots[i] = nullptr;
   ext->NumSlotsLeft += n - kept;
   ext->NumOptions = kept;
-  return any;
+  return true;
 }
 
 }  // namespace
