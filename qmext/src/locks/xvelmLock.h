@@ -144,6 +144,9 @@ struct FailureText {
   // holds the lock" (after the tail): the refusal's holder is remote.
   bool remoteHolder = false;
   long holderPid = 0;
+  // Closes the message with what a lock request's errno says about the file
+  // system's lock service (lockServiceFailure), when it says anything.
+  int serviceErr = 0;
 };
 
 // Journals one file-lock failure message: head, the resource piece, the name,

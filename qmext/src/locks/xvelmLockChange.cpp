@@ -265,6 +265,7 @@ QMStatus Change::recordLock(QMMemSize newType, QMMemSize exclusiveBefore, QMMemS
   FailureText t = text(st, MessageTail::Errno, parms_->Errno);
   t.remoteHolder = why.remoteHolder;
   t.holderPid = parms_->LockerPID;
+  t.serviceErr = err;
   (void)journalFileLockFailure(ext_, jnl_, t, Rendering::Unchecked);
   return st;
 }

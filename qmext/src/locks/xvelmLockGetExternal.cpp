@@ -163,6 +163,7 @@ QMStatus External::refused(XVELMFileDescriptorp d, struct flock &req, int err) c
   FailureText t = text(why.status, MessageTail::Errno, why.reported);
   t.remoteHolder = why.remoteHolder;
   t.holderPid = parms->LockerPID;
+  t.serviceErr = err;
   (void)journalFileLockFailure(ext, jnl, t, Rendering::Unchecked);
   return fail(why.status, d);
 }

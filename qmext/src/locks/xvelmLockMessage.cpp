@@ -7,8 +7,21 @@
 
 #include "host/xvelmJournal.h"
 #include "locks/xvelmLock.h"
+#include "locks/xvelmRemoteHolder.h"
 
 namespace xvelm::detail {
+namespace {
+
+// Appends an ASCII text (at most 159 characters) as a text piece: it carries
+// no status, so the entry's codes stay those of the pieces before it.
+void appendAscii(Message &msg, const char *s) {
+  QMChar wide[160];
+  QMStrSize len = 0;
+  for (; s[len] != '\0' && len < 160; ++len) wide[len] = static_cast<unsigned char>(s[len]);
+  msg.text(wide, len);
+}
+
+}  // namespace
 
 bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl, const FailureText &t,
                             Rendering r) noexcept {
@@ -30,14 +43,13 @@ bool journalFileLockFailure(const QMELMExtension *ext, QMJnlh jnl, const Failure
   }
   if (t.remoteHolder) {
     char narrow[96];
-    const int n =
-        std::snprintf(narrow, sizeof narrow,
-                      "; a process on another machine (PID %ld there) holds the lock", t.holderPid);
-    QMChar wide[sizeof narrow];
-    const auto len = static_cast<QMStrSize>(n > 0 && n < static_cast<int>(sizeof narrow) ? n : 0);
-    for (QMStrSize i = 0; i < len; ++i) wide[i] = static_cast<unsigned char>(narrow[i]);
-    msg.text(wide, len);
+    (void)std::snprintf(narrow, sizeof narrow,
+                        "; a process on another machine (PID %ld there) holds the lock",
+                        t.holderPid);
+    appendAscii(msg, narrow);
   }
+  if (const char *why = t.serviceErr != 0 ? lockServiceFailure(t.serviceErr) : nullptr)
+    appendAscii(msg, why);
   (void)msg.journal();
   // A buffer the pool refused is no composition failure: there was nothing
   // to compose in.

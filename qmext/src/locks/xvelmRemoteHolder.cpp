@@ -83,6 +83,28 @@ bool localLockTableShows(dev_t dev, ino_t ino, pid_t pid) noexcept {
   return found;
 }
 
+const char *lockServiceFailure(int err) noexcept {
+  switch (err) {
+    case ENOLCK:
+      return "; the file system's lock service has no lock records left";
+    case ETIMEDOUT:
+      return "; the lock server did not answer in time";
+    case EIO:
+      return "; the lock request failed with an I/O error (on a network file system: the "
+             "connection to the server may be lost)";
+    case ECONNREFUSED:
+    case ECONNRESET:
+    case ENOTCONN:
+    case EHOSTUNREACH:
+    case ENETUNREACH:
+      return "; the lock server could not be reached";
+    case ESTALE:
+      return "; the file is stale: it was replaced or removed on the server";
+    default:
+      return nullptr;
+  }
+}
+
 bool holderIsRemote(int fd, pid_t pid) noexcept {
   if (!locksArbitratedRemotely(fd)) return false;
   struct stat st {};

@@ -27,6 +27,11 @@ namespace xvelm::detail {
 // a process on another machine (then pid is its number there).
 [[nodiscard]] bool holderIsRemote(int fd, pid_t pid) noexcept;
 
+// What a lock request's errno says about the file system's lock service
+// (no lock records left, no answer in time, a lost connection, an I/O
+// error), as a text closing the refusal message; null for any other errno.
+[[nodiscard]] const char *lockServiceFailure(int err) noexcept;
+
 }  // namespace xvelm::detail
 
 #endif  // XVELM_REMOTEHOLDER_H
