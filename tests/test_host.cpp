@@ -595,7 +595,8 @@ TEST(HostConfig, RefusedConfigurationsLeaveNothingBehind) {
   cases.back().cfg.builtins = &nameless;
   cases.back().cfg.nbuiltins = 1;
   cases.push_back({"journal kind", good, QM_E_BAD_ARGUMENT});
-  cases.back().cfg.default_journal = static_cast<QMJnlKind>(7);
+  const int unknownKind = 7;  // as a C caller may store it
+  std::memcpy(&cases.back().cfg.default_journal, &unknownKind, sizeof unknownKind);
 
   const int fds = openDescriptors();
   for (const Case &c : cases) {

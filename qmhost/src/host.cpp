@@ -180,7 +180,11 @@ QMHndlp createHost(const QMHostConfig *given, QMStatus *status) {
     pub.ConfigureSystem = hostConfigureSystem;
     pub.iobytecount = cfg->iobytecount;
     pub.lastStatus = hostLastStatus;
-    pub.qmjnl = makeJournal(host.get(), cfg->default_journal, cfg->default_journal_path, status);
+    // A C caller may store any int in the kind: read as one, checked by makeJournal.
+    uint32_t journalKind = 0;
+    static_assert(sizeof journalKind == sizeof cfg->default_journal);
+    std::memcpy(&journalKind, &cfg->default_journal, sizeof journalKind);
+    pub.qmjnl = makeJournal(host.get(), journalKind, cfg->default_journal_path, status);
     if (pub.qmjnl == nullptr) return nullptr;
     rememberHost(host.get());
     return &host.release()->pub;
