@@ -17,7 +17,7 @@
 #include <string>
 #include <thread>
 
-#include "qmlock.h"
+#include "manager.h"
 
 namespace qmlock {
 namespace {

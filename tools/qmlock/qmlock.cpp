@@ -2,12 +2,17 @@
 // (run, probe, locks, shell, demo); invoked under the name "flock" (a
 // symbolic link) it is util-linux flock(1), under "lslocks" it lists locks
 // with lslocks(8)'s options. run, probe and locks use the kernel's locks
-// directly; shell and demo drive the lock manager. This file dispatches and
-// holds what the faces share.
+// directly and live in this executable, which links neither the host
+// library nor the C++ API, so that a `qmlock run` starts as fast as a C
+// program. shell and demo drive the lock manager: they are the helper
+// qmlock-manager, which qmlock execs, found beside qmlock (a build tree) or
+// in the libexec directory it is installed to. This file dispatches and
+// finds what qmlock loads or runs only on request.
 #include "qmlock.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
+#include <errno.h>
+#include <limits.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,40 +21,69 @@
 
 #include "qmversion.h"
 
+// Where the helper and the libraries are, relative to the directory of the
+// qmlock executable: in an installation (bin/ to libexec/qmelm, bin/ to
+// lib/) and in the build tree (the helper beside qmlock, bin/ to lib/).
+#ifndef QMLOCK_HELPER_FROM_BIN
+#define QMLOCK_HELPER_FROM_BIN "../libexec/qmelm"
+#endif
+#ifndef QMLOCK_LIB_FROM_BIN
+#define QMLOCK_LIB_FROM_BIN "../lib"
+#endif
+#ifndef QMLOCK_BUILD_LIB_FROM_BIN
+#define QMLOCK_BUILD_LIB_FROM_BIN "../lib"
+#endif
+
 namespace qmlock {
 
 namespace {
 
-// Where a library built and installed beside libqmhost.so is: its full
-// path there, as the host finds the extensions, or else its name alone.
-// (A sanitizer's dlopen interceptor searches without qmlock's run path.)
-std::string besideTheHost(const char *name) {
-  std::string path = name;
-  // The program's own scope: libqmhost.so is loaded under its SONAME
-  // (libqmhost.so.N), so looking it up by "libqmhost.so" would not find it.
-  if (void *host = dlopen(nullptr, RTLD_LAZY)) {
-    Dl_info info{};
-    void *entry = dlsym(host, "qmhost_create");
-    if (entry != nullptr && dladdr(entry, &info) != 0 && info.dli_fname != nullptr) {
-      const std::string lib = info.dli_fname;
-      const size_t slash = lib.rfind('/');
-      if (slash != std::string::npos) path = lib.substr(0, slash + 1) + name;
-    }
-    dlclose(host);
-  }
-  return path;
+// The directory of the qmlock executable, with a trailing slash (empty when
+// /proc/self/exe cannot be read). Symbolic links are resolved: invoked as
+// libexec/qmelm/flock, it is bin/.
+std::string ownDirectory() {
+  char exe[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (n <= 0) return {};
+  const std::string path(exe, static_cast<size_t>(n));
+  return path.substr(0, path.rfind('/') + 1);
 }
 
 // The build's version stamp. It lives in libqmhostcm.so, which qmlock loads
-// only to print it: linked, it would be loaded by every `qmlock run`, which
-// never calls it, at a cost of a few percent of a run.
+// only to print it, by its path: installed, the library directory is where
+// the installation put it relative to bin/; in a build tree, where the build
+// put the libraries.
 bool versionStamp(QMVersionRecord &v) {
-  void *lib = dlopen(besideTheHost("libqmhostcm.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+  const std::string dir = ownDirectory();
+  void *lib = nullptr;
+  for (const char *rel : {QMLOCK_LIB_FROM_BIN, QMLOCK_BUILD_LIB_FROM_BIN}) {
+    lib = dlopen((dir + rel + "/libqmhostcm.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (lib != nullptr) break;
+  }
   if (lib == nullptr) return false;
   auto *stamp = reinterpret_cast<QMStatus (*)(QMVersionRecord *)>(dlsym(lib, "qmzversion"));
   const bool ok = stamp != nullptr && stamp(&v) == 0;
   dlclose(lib);  // the record holds no pointer into the library
   return ok;
+}
+
+// shell and demo: replaces qmlock by the helper, with the same command line.
+// The helper is looked for beside qmlock, then in the libexec directory.
+int runHelper(char **argv) {
+  const std::string dir = ownDirectory();
+  std::string tried;
+  int err = ENOENT;
+  for (const std::string &where : {dir, dir + QMLOCK_HELPER_FROM_BIN + "/"}) {
+    const std::string path = where + "qmlock-manager";
+    execv(path.c_str(), argv);
+    if (errno != ENOENT || tried.empty()) {
+      err = errno;
+      tried = path;
+    }
+  }
+  std::fprintf(stderr, "qmlock: cannot run %s, which drives the lock manager: %s\n", tried.c_str(),
+               std::strerror(err));
+  return kExitConfig;
 }
 
 }  // namespace
@@ -72,44 +106,6 @@ int printVersion() {
   std::printf("  source revision %s\n  compiler %s\n  build type %s\n  Unicode %s\n",
               v.sourceRevision, v.compiler, v.buildType, v.unicodeVersion);
   return kExitOk;
-}
-
-std::string commandOf(int pid) {
-  if (pid <= 0) return {};
-  const std::string path = "/proc/" + std::to_string(pid) + "/comm";
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return {};
-  char buf[64];
-  const ssize_t n = read(fd, buf, sizeof buf);
-  close(fd);
-  std::string comm(buf, n > 0 ? static_cast<size_t>(n) : 0);
-  while (!comm.empty() && comm.back() == '\n') comm.pop_back();
-  return comm;
-}
-
-std::string processDescription(int pid) {
-  if (pid == -1) return "a lock owned by an open file description (no process ID)";
-  if (pid <= 0) return "an unknown holder";
-  const std::string comm = commandOf(pid);
-  return "process " + std::to_string(pid) + (comm.empty() ? "" : " (" + comm + ")");
-}
-
-std::string holderDescription(const elm::Result &r) {
-  switch (r.status()) {
-    case QMELM_E_INT_LOCKED_EXCLUSIVE:
-      return "another thread of this process holds it exclusively";
-    case QMELM_E_INT_LOCKED_SHARED:
-      return "another thread of this process holds it non-exclusively";
-    case QMELM_E_INT_SHARE_CONFLICT:
-      return "another thread of this process holds it (shared and non-shared holders cannot mix)";
-    case QMELM_E_EXT_LOCKED_EXCLUSIVE:
-      return processDescription(r.locker_pid()) + " holds a write lock";
-    case QMELM_E_EXT_LOCKED_SHARED:
-      return processDescription(r.locker_pid()) + " holds a read lock";
-    default:
-      if (r.locker_pid() != 0) return processDescription(r.locker_pid()) + " holds a lock";
-      return "its holder went away or the file was replaced while it was being locked";
-  }
 }
 
 namespace {
@@ -160,8 +156,7 @@ int main(int argc, char **argv) {
   if (face == "run") return runMain(argc - 1, argv + 1, nullptr);
   if (face == "probe") return probeMain(argc - 1, argv + 1);
   if (face == "locks") return locksMain(argc - 1, argv + 1, "qmlock locks");
-  if (face == "shell") return shellMain(argc - 1, argv + 1);
-  if (face == "demo") return demoMain(argc - 1, argv + 1);
+  if (face == "shell" || face == "demo") return runHelper(argv);
   std::fprintf(stderr, "qmlock: unknown command '%s'\n", argv[1]);
   usage(stderr);
   return kExitUsage;

@@ -1,16 +1,15 @@
-// qmlock.h - the faces of the qmlock tool and what they share: who holds a
-// conflicting lock, the exit codes of <sysexits.h>, the version stamp.
+// qmlock.h - the faces of the qmlock tool that use the kernel's locks
+// directly (run and the flock personality, probe, locks) and what every face
+// shares: the exit codes of <sysexits.h>, the version stamp, how a process is
+// named. Nothing here needs the lock manager: qmlock links neither the host
+// library nor the C++ API (manager.h has the faces that do).
 #ifndef QMLOCK_H
 #define QMLOCK_H
 
 #include <string>
 #include <string_view>
 
-#include "qmelm.hpp"
-
 namespace qmlock {
-
-namespace elm = qm::elm;
 
 // Exit codes of <sysexits.h>, which flock(1) uses for everything but a
 // conflict and the command's own status.
@@ -33,8 +32,6 @@ int runMain(int argc, char **argv, const char *flockName);
 int probeMain(int argc, char **argv);
 // qmlock locks, and lslocks(8)'s options under that name; name prefixes messages.
 int locksMain(int argc, char **argv, const char *name);
-int shellMain(int argc, char **argv);
-int demoMain(int argc, char **argv);
 
 // "qmlock (QM Resource Lock Manager) 7.2.1" and the build's stamp.
 int printVersion();
@@ -46,9 +43,6 @@ std::string commandOf(int pid);
 // "process 4242 (python3)"; "a lock owned by an open file description (no
 // process ID)" for -1; "an unknown holder" for 0.
 std::string processDescription(int pid);
-// Who holds what refused r: another thread of this process, or the process
-// (and its kind of lock) that LockerPID names.
-std::string holderDescription(const elm::Result &r);
 
 }  // namespace qmlock
 

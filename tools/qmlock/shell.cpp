@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "lineedit.h"
-#include "qmlock.h"
+#include "manager.h"
 
 namespace qmlock {
 namespace {
