@@ -275,8 +275,9 @@ long statusField(pid_t pid, const std::string &field) {
 }
 
 // Waits (up to a minute) until /proc/locks shows a process blocked on a
-// lock of path's file; false when none came.
-bool someoneWaitsOn(const std::string &path) {
+// lock of path's file (of kind, as /proc/locks names it, when given); false
+// when none came.
+bool someoneWaitsOn(const std::string &path, const std::string &kind = "") {
   struct stat st {};
   if (stat(path.c_str(), &st) != 0) return false;
   std::string inode = ":";  // appended, not "..." + string: g++ 12 -O3 sees a false overlap
@@ -286,7 +287,8 @@ bool someoneWaitsOn(const std::string &path) {
   while (Clock::now() < deadline) {
     std::istringstream in(slurp("/proc/locks"));
     for (std::string l; std::getline(in, l);)
-      if (l.find("->") != std::string::npos && l.find(inode) != std::string::npos) return true;
+      if (l.find("-> " + kind) != std::string::npos && l.find(inode) != std::string::npos)
+        return true;
     std::this_thread::sleep_for(5ms);
   }
   return false;
@@ -477,6 +479,23 @@ TEST(QmlockRun, AWaiterSleepsInTheKernelAndNeverHoldsOneLockWithoutTheOther) {
   EXPECT_LE(after - before, 2) << "a waiter that polls wakes up again and again";
   flockHolder.reset();
   Done r = waiter.wait();
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "got it\n");
+
+  // Waiting for the flock(2) lock, it finds the OFD lock taken meanwhile
+  // when the flock(2) lock comes free: it gives the flock(2) lock back and
+  // waits for the OFD lock, asleep, holding neither.
+  flockHolder = std::make_unique<Holding>(std::vector<std::string>{kUtilLinuxFlock, f});
+  ASSERT_GT(flockHolder->command, 0);
+  Proc swapper({kQmlock, "run", f, "sh", "-c", "echo got it"});
+  ASSERT_TRUE(someoneWaitsOn(f, "FLOCK"));
+  auto recordHolder = pythonHolder("ofd", f);
+  ASSERT_EQ(recordHolder->readLine(), "locked");
+  flockHolder.reset();
+  ASSERT_TRUE(someoneWaitsOn(f, "OFDLCK"));
+  EXPECT_EQ(freeKinds(f, true), kFlock) << "the waiter kept the flock(2) lock";
+  recordHolder.reset();
+  r = swapper.wait();
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "got it\n");
 
@@ -743,6 +762,33 @@ TEST(QmlockProbe, ListsEveryKindOfLockWithItsHoldersRangeAndMode) {
   EXPECT_EQ(lines(r.out).size(), 7u) << "a heading, then each holder of each lock:\n" << r.out;
   EXPECT_MATCHES(lines(r.out)[0], "COMMAND {*}PID TYPE {*}MODE  M START END PATH");
   EXPECT_EQ(run({kQmlock, "locks", "-o", "NOPE"}).status, 64);
+}
+
+// ---- the front end and its helper --------------------------------------------------
+
+// run loads nothing of the lock manager (COMMAND reads the maps of its
+// parent, the qmlock holding the lock); shell and demo are the helper beside
+// qmlock, and a qmlock without it still runs and says what is missing.
+TEST(QmlockFrontEnd, RunLoadsNoLockManagerAndShellAndDemoNeedTheHelper) {
+  TempDir d;
+  const std::string f = d.file("maps.lock");
+  Done r = run({kQmlock, "run", f, "sh", "-c", "cat /proc/$PPID/maps"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  ASSERT_TRUE(anyLineMatches(r.out, "{*}/qmlock")) << "not qmlock's maps:\n" << r.out;
+  for (const char *lib : {"libqmhost", "libqmelm", "libqmioe", "libqmhostcm"})
+    EXPECT_EQ(r.out.find(lib), std::string::npos) << "qmlock run loaded " << lib;
+
+  const std::string alone = d.file("qmlock");
+  std::filesystem::copy_file(kQmlock, alone);
+  r = run({alone, "run", "-n", f, "echo", "locked"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "locked\n");
+  for (const char *face : {"shell", "demo"}) {
+    r = run({alone, face});
+    EXPECT_EQ(r.status, 78) << face;
+    EXPECT_EQ(r.err, "qmlock: cannot run " + d.file("qmlock-manager") +
+                         ", which drives the lock manager: No such file or directory\n");
+  }
 }
 
 TEST(QmlockDemo, HelpExitsZero) {

@@ -4,8 +4,9 @@
 # find_package(qmelm), the source tree through add_subdirectory, and the
 # installed tree through the README's pkg-config command lines, run as
 # written. The consumer asks for no C++ standard: qmelm::cxx brings C++20.
-# Each program, and the installed qmlock (as qmlock and as flock), runs with
-# nothing of the build tree on its library path.
+# Each program, and the installed qmlock (as qmlock and as flock, and its
+# shell and demo, which it runs from libexec/qmelm), runs with nothing of the
+# build tree on its library path.
 # Usage: install_consumer.sh BUILD_DIR SOURCE_DIR WORK_DIR
 # Environment: CC, CXX (the compilers), QMELM_CONSUMER_FLAGS (the sanitizer
 # flags the libraries were built with, which their users need too).
@@ -24,7 +25,7 @@ fail() { echo "FAILED: $*" >&2; exit 1; }
 
 step "install into $prefix"
 cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; fail install; }
-for f in bin/qmlock libexec/qmelm/flock include/qmelm/qmelm.h include/qmelm/qmkernel.h \
+for f in bin/qmlock libexec/qmelm/flock libexec/qmelm/qmlock-manager include/qmelm/qmelm.h include/qmelm/qmkernel.h \
          include/qmelm/qmhost/qmhost.h include/qmelm/qmelm.hpp share/man/man3/qmelm.3 \
          share/man/man1/qmlock.1 lib/cmake/qmelm/qmelmConfig.cmake \
          lib/cmake/qmelm/qmelmConfigVersion.cmake lib/cmake/qmelm/qmelmTargets.cmake \
@@ -126,6 +127,15 @@ env -u LD_LIBRARY_PATH -u QMHOST_EXTENSION_PATH "$prefix/bin/qmlock" run -n "$wo
   fail "installed flock -V"
 env -u LD_LIBRARY_PATH "$prefix/bin/qmlock" --version | grep -q "^  lock manager interface " ||
   fail "installed qmlock --version"
+# shell and demo are the helper in libexec/qmelm, which loads the lock
+# manager from the installed lib/.
+printf 'get a %s\nrelease a\n' "$work/run/x" |
+  env -u LD_LIBRARY_PATH -u QMHOST_EXTENSION_PATH "$prefix/bin/qmlock" shell >"$work/out.txt" ||
+  { cat "$work/out.txt"; fail "installed qmlock shell"; }
+[ "$(grep -c '^ok' "$work/out.txt")" = 2 ] || fail "installed qmlock shell: $(cat "$work/out.txt")"
+mkdir -p "$work/tmp"
+TMPDIR=$work/tmp env -u LD_LIBRARY_PATH -u QMHOST_EXTENSION_PATH "$prefix/bin/qmlock" demo \
+  >"$work/out.txt" 2>&1 || { cat "$work/out.txt"; fail "installed qmlock demo"; }
 rm -f "$work/run/x"
 
 step "add_subdirectory: the source tree in a consumer's build"
