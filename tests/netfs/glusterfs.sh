@@ -106,7 +106,11 @@ start() {
   for tool in glusterd gluster glusterfs nsenter unshare findmnt; do
     command -v "$tool" >/dev/null || die "$tool is missing (.ci/deps installs glusterfs-server and glusterfs-client)"
   done
-  [ ! -e "$state" ] || die "$state exists; give a new directory"
+  if [ -f "$state/env" ]; then
+    echo "glusterfs.sh: taking down the set-up an interrupted run left in $state" >&2
+    stop
+  fi
+  [ ! -e "$state" ] || die "$state exists and is no set-up; give a new directory"
   mkdir -p "$state"/{glusterd,run,log,m1,m2,m3}
   local vol
   vol="qmnetfs$$x$RANDOM"
