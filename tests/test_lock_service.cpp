@@ -28,6 +28,18 @@ constexpr Case kCases[] = {
     {ECONNRESET, "could not be reached"},
 };
 
+// An exclusive acquisition of path while F_SETLK fails with setlkErrno:
+// refused with the usual status, the errno passed on.
+void expectRefusedAcquisition(TestHost &host, const std::string &path) {
+  SyscallScope seam;
+  seam.table().fcntl = failingSetlk;
+  LockRequest r(path);
+  int rc = 0;
+  EXPECT_EQ(host.lock(r, X | EX, &rc), nullptr);
+  EXPECT_STATUS(QMELM_E_EXT_LOCK_FAILED, rc);
+  EXPECT_EQ(r.parms.Errno, setlkErrno);
+}
+
 }  // namespace
 
 TEST(LockService, AFailingServiceRefusesAcquisitionsAndChangesCleanly) {
@@ -39,15 +51,7 @@ TEST(LockService, AFailingServiceRefusesAcquisitionsAndChangesCleanly) {
     SCOPED_TRACE(c.says);
     setlkErrno = c.err;
     host.clearJournal();
-    {
-      SyscallScope seam;
-      seam.table().fcntl = failingSetlk;
-      LockRequest r(path);
-      int rc = 0;
-      EXPECT_EQ(host.lock(r, X | EX, &rc), nullptr);
-      EXPECT_STATUS(QMELM_E_EXT_LOCK_FAILED, rc);
-      EXPECT_EQ(r.parms.Errno, c.err);
-    }
+    expectRefusedAcquisition(host, path);
     // The pieces are those of every refusal; the explanation is plain text.
     EXPECT_CODES(host.lastCodes(), fileLockMessage(QMELM_E_EXT_LOCK_FAILED));
     ASSERT_EQ(host.entryCount(), 1u);
@@ -80,13 +84,7 @@ TEST(LockService, AFailingServiceRefusesAcquisitionsAndChangesCleanly) {
   // Any other errno keeps the message as it was: no explanation appended.
   setlkErrno = EDEADLK;
   host.clearJournal();
-  {
-    SyscallScope seam;
-    seam.table().fcntl = failingSetlk;
-    LockRequest r(path);
-    int rc = 0;
-    EXPECT_EQ(host.lock(r, X | EX, &rc), nullptr);
-  }
+  expectRefusedAcquisition(host, path);
   ASSERT_EQ(host.entryCount(), 1u);
   const std::string text = host.entries()[0].text;
   for (const Case &c : kCases) EXPECT_EQ(text.find(c.says), std::string::npos) << text;

@@ -24,6 +24,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "address_map.h"
 #include "qmhost/qmhost.h"
 #include "qmhost/qmhost_testing.h"
 
@@ -122,22 +123,14 @@ class Registry {
   T *add(std::unique_ptr<T> obj) noexcept {
     T *raw = obj.get();
     Shard &sh = shardOf(raw);
-    try {
-      std::lock_guard<std::mutex> g(sh.m);
-      sh.live.emplace(raw, std::move(obj));
-      return raw;
-    } catch (const std::bad_alloc &) {
-      return nullptr;
-    }
+    std::lock_guard<std::mutex> g(sh.m);
+    return sh.live.insert(raw, std::move(obj)) ? raw : nullptr;
   }
   std::unique_ptr<T> take(const void *obj) noexcept {
-    T *key = static_cast<T *>(const_cast<void *>(obj));
-    Shard &sh = shardOf(key);
+    Shard &sh = shardOf(obj);
+    std::unique_ptr<T> owned;
     std::lock_guard<std::mutex> g(sh.m);
-    auto it = sh.live.find(key);
-    if (it == sh.live.end()) return nullptr;
-    std::unique_ptr<T> owned = std::move(it->second);
-    sh.live.erase(it);
+    (void)sh.live.take(obj, &owned);
     return owned;
   }
   size_t size() const noexcept {
@@ -153,7 +146,7 @@ class Registry {
   void forEach(F &&f) const {
     for (const Shard &sh : shards_) {
       std::lock_guard<std::mutex> g(sh.m);
-      for (const auto &entry : sh.live) f(*entry.second);
+      sh.live.forEach([&f](const void *, const std::unique_ptr<T> &obj) { f(*obj); });
     }
   }
   // fork() support: every shard's mutex taken (in order) and given back, and
@@ -167,12 +160,12 @@ class Registry {
   template <class F>
   void forEachLocked(F &&f) const {
     for (const Shard &sh : shards_)
-      for (const auto &entry : sh.live) f(*entry.second);
+      sh.live.forEach([&f](const void *, const std::unique_ptr<T> &obj) { f(*obj); });
   }
   // Destroys every object still live (outside the registry's mutexes).
   void clear() noexcept {
     for (Shard &sh : shards_) {
-      std::unordered_map<T *, std::unique_ptr<T>> doomed;
+      AddressMap<std::unique_ptr<T>> doomed;
       {
         std::lock_guard<std::mutex> g(sh.m);
         doomed.swap(sh.live);
@@ -185,13 +178,10 @@ class Registry {
   // destroy different objects rarely meet on one mutex.
   struct alignas(64) Shard {
     mutable std::mutex m;
-    std::unordered_map<T *, std::unique_ptr<T>> live;  // guarded by m
+    AddressMap<std::unique_ptr<T>> live;  // guarded by m
   };
   static constexpr size_t kShards = kRegistryShards;
-  Shard &shardOf(const void *obj) {
-    auto v = reinterpret_cast<uintptr_t>(obj) >> 4;
-    return shards_[(v ^ (v >> 9)) % kShards];
-  }
+  Shard &shardOf(const void *obj) { return shards_[addressShard(obj, kShards)]; }
   std::array<Shard, kShards> shards_;
 };
 
@@ -203,9 +193,9 @@ class Registry {
 // address selects, so threads that allocate different blocks rarely meet on
 // the same mutex.
 struct alignas(64) PoolShard {
-  mutable std::mutex m;                       // guards blocks and bytes
-  std::unordered_map<void *, size_t> blocks;  // live block -> requested size
-  size_t bytes = 0;                           // sum of the live sizes
+  mutable std::mutex m;       // guards blocks and bytes
+  AddressMap<size_t> blocks;  // live block -> requested size
+  size_t bytes = 0;           // sum of the live sizes
 };
 
 struct Pool {

@@ -135,7 +135,26 @@ struct Cursor {
 };
 
 QMStatus convert(Enc from, Enc to, Cursor &c) {
+  // ASCII from QMChar text into a byte encoding that keeps it as it is
+  // (UTF-8, Latin-1) is one byte per character: no decoding, no encoding.
+  // Names of files are mostly ASCII, and every lock request converts one.
+  const bool asciiAsIs = from == Enc::Ucs4 && (to == Enc::Utf8 || to == Enc::Latin1);
   while (c.inLeft > 0) {
+    if (asciiAsIs && c.inLeft >= 4) {
+      uint32_t unit;
+      std::memcpy(&unit, c.in, 4);
+      if (unit < 0x80) {
+        if (c.out != nullptr) {
+          if (c.outLeft == 0) return QM_E_BUFFER_TOO_SMALL;
+          *c.out++ = static_cast<unsigned char>(unit);
+          --c.outLeft;
+        }
+        c.in += 4;
+        c.inLeft -= 4;
+        ++c.produced;
+        continue;
+      }
+    }
     uint32_t cp;
     size_t inLen, outLen;
     unsigned char buf[4];

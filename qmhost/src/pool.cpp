@@ -16,7 +16,6 @@ namespace qmhost {
 namespace {
 
 constexpr unsigned char kFillByte = 0xA5;
-constexpr size_t kInitialBuckets = 16;
 
 Pool *asPool(QMPoolh p) {
   return reinterpret_cast<Pool *>(p);
@@ -37,17 +36,17 @@ void *poolAlloc(QMPoolh ph, QMMemSize size, uint32_t flags) noexcept {
     return nullptr;
   }
   std::memset(block, (flags & QM_POOL_ZERO_FILL) != 0 ? 0 : kFillByte, size);
-  try {
-    PoolShard &shard = pool->shardOf(block);
+  PoolShard &shard = pool->shardOf(block);
+  {
     std::lock_guard<std::mutex> g(shard.m);
-    shard.blocks.emplace(block, size);
-    shard.bytes += size;
-  } catch (const std::bad_alloc &) {
-    std::free(block);
-    setLastStatus(host, QM_E_NO_MEMORY);
-    return nullptr;
+    if (shard.blocks.insert(block, size)) {
+      shard.bytes += size;
+      return block;
+    }
   }
-  return block;
+  std::free(block);
+  setLastStatus(host, QM_E_NO_MEMORY);
+  return nullptr;
 }
 
 QMStatus poolFree(QMPoolh ph, void *block) noexcept {
@@ -59,13 +58,8 @@ QMStatus poolFree(QMPoolh ph, void *block) noexcept {
   if (block != nullptr) {
     PoolShard &shard = pool->shardOf(block);
     std::lock_guard<std::mutex> g(shard.m);
-    auto it = shard.blocks.find(block);
-    if (it != shard.blocks.end()) {
-      known = true;
-      size = it->second;
-      shard.bytes -= size;
-      shard.blocks.erase(it);
-    }
+    known = shard.blocks.take(block, &size);
+    if (known) shard.bytes -= size;
   }
   if (!known) {
     host->badFrees.fetch_add(1, std::memory_order_relaxed);
@@ -90,19 +84,15 @@ Pool::Pool(Host *h, const char *poolName) : host(h), name(poolName != nullptr ? 
   pub.generic.destroy = poolDestroy;
   pub.memAlloc = poolAlloc;
   pub.memFree = poolFree;
-  for (PoolShard &shard : shards) shard.blocks.reserve(kInitialBuckets);
 }
 
 Pool::~Pool() {
   for (PoolShard &shard : shards)
-    for (auto &[block, size] : shard.blocks) std::free(block);
+    shard.blocks.forEach([](const void *block, size_t) { std::free(const_cast<void *>(block)); });
 }
 
 PoolShard &Pool::shardOf(const void *block) {
-  // malloc hands out 16-byte aligned blocks: skip the bits that never vary.
-  auto v = reinterpret_cast<uintptr_t>(block) >> 4;
-  v ^= v >> 9;
-  return shards[v % kShards];
+  return shards[addressShard(block, kShards)];
 }
 
 QMPoolh poolCreate(QMHndlp h, const QMPoolCreateParms * /*parms: nothing to choose*/,

@@ -4,6 +4,7 @@
 
 #include "qmelm.h"
 #include "qmhost/qmhost.h"
+#include "qmhost/qmhost_testing.h"
 #include "qmhostcm.h"
 #include "qmioe.h"
 #include "qmversion.h"

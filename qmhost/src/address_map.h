@@ -1,0 +1,145 @@
+/*
+ * address_map.h - a map from live object addresses to a value, stored flat
+ * (open addressing, linear probing, deletion by backward shift), so that
+ * recording and forgetting an object allocates nothing once the table is
+ * large enough: the pools and registries of the host record every block and
+ * object they hand out, on every allocation of every caller. Not
+ * thread-safe: each shard guards its own map with its mutex.
+ */
+#ifndef QMHOST_ADDRESS_MAP_H
+#define QMHOST_ADDRESS_MAP_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <utility>
+
+namespace qmhost {
+
+// A well-mixed hash of an object's address (blocks are at least 16-byte
+// aligned, and the blocks of different threads differ mostly in their high
+// bits, so every bit is mixed in).
+inline uint64_t addressHash(const void *p) noexcept {
+  return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p) >> 4) * 0x9E3779B97F4A7C15ull;
+}
+
+// The shard (of n, a power of two) an address belongs to: the hash's top bits.
+inline size_t addressShard(const void *p, size_t n) noexcept {
+  return n <= 1 ? 0 : static_cast<size_t>(addressHash(p) >> (64 - __builtin_ctzll(n)));
+}
+
+template <class V>
+class AddressMap {
+ public:
+  AddressMap() = default;
+  AddressMap(const AddressMap &) = delete;
+  AddressMap &operator=(const AddressMap &) = delete;
+  AddressMap(AddressMap &&o) noexcept { swap(o); }
+  AddressMap &operator=(AddressMap &&o) noexcept {
+    AddressMap gone;
+    gone.swap(o);
+    swap(gone);
+    return *this;
+  }
+
+  size_t size() const noexcept { return size_; }
+
+  // Records key (never null, not recorded yet) with v; false (nothing
+  // changed) when the table cannot grow.
+  bool insert(const void *key, V v) noexcept {
+    if ((size_ + 1) * 2 > capacity_ && !grow()) return false;
+    place(key, std::move(v));
+    ++size_;
+    return true;
+  }
+
+  // Forgets key and hands its value to *out; false when key is not recorded
+  // (the address is only compared, never read through).
+  bool take(const void *key, V *out) noexcept {
+    if (capacity_ == 0) return false;
+    size_t i = slotOf(key);
+    for (; slots_[i].key != nullptr; i = next(i)) {
+      if (slots_[i].key != key) continue;
+      *out = std::move(slots_[i].value);
+      erase(i);
+      --size_;
+      return true;
+    }
+    return false;
+  }
+
+  // Calls f(key, value) on every entry.
+  template <class F>
+  void forEach(F &&f) const {
+    for (size_t i = 0; i < capacity_; ++i)
+      if (slots_[i].key != nullptr) f(slots_[i].key, slots_[i].value);
+  }
+
+  void swap(AddressMap &o) noexcept {
+    std::swap(slots_, o.slots_);
+    std::swap(capacity_, o.capacity_);
+    std::swap(size_, o.size_);
+  }
+
+ private:
+  struct Slot {
+    const void *key = nullptr;
+    V value{};
+  };
+  static constexpr size_t kFirstCapacity = 16;
+
+  // The middle bits of the hash: the top ones chose the shard.
+  size_t slotOf(const void *key) const noexcept {
+    return static_cast<size_t>(addressHash(key) >> 20) & (capacity_ - 1);
+  }
+  size_t next(size_t i) const noexcept { return (i + 1) & (capacity_ - 1); }
+
+  void place(const void *key, V v) noexcept {
+    size_t i = slotOf(key);
+    while (slots_[i].key != nullptr) i = next(i);
+    slots_[i].key = key;
+    slots_[i].value = std::move(v);
+  }
+
+  // Empties slot i and moves later entries of its probe run back into the
+  // gap, so that every entry stays reachable from its home slot.
+  void erase(size_t i) noexcept {
+    size_t gap = i;
+    for (size_t j = next(i); slots_[j].key != nullptr; j = next(j)) {
+      const size_t home = slotOf(slots_[j].key);
+      // j may move to gap when its home does not lie cyclically in (gap, j].
+      const bool movable = gap <= j ? (home <= gap || home > j) : (home <= gap && home > j);
+      if (movable) {
+        slots_[gap].key = slots_[j].key;
+        slots_[gap].value = std::move(slots_[j].value);
+        gap = j;
+      }
+    }
+    slots_[gap].key = nullptr;
+    slots_[gap].value = V{};
+  }
+
+  bool grow() noexcept {
+    const size_t capacity = capacity_ == 0 ? kFirstCapacity : capacity_ * 2;
+    std::unique_ptr<Slot[]> fresh;
+    try {
+      fresh = std::make_unique<Slot[]>(capacity);
+    } catch (const std::bad_alloc &) {
+      return false;
+    }
+    std::unique_ptr<Slot[]> old = std::exchange(slots_, std::move(fresh));
+    const size_t oldCapacity = std::exchange(capacity_, capacity);
+    for (size_t i = 0; i < oldCapacity; ++i)
+      if (old[i].key != nullptr) place(old[i].key, std::move(old[i].value));
+    return true;
+  }
+
+  std::unique_ptr<Slot[]> slots_;
+  size_t capacity_ = 0;
+  size_t size_ = 0;
+};
+
+}  // namespace qmhost
+
+#endif  // QMHOST_ADDRESS_MAP_H
