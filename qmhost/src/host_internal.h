@@ -216,8 +216,10 @@ QMPoolh poolCreate(QMHndlp h, const QMPoolCreateParms *parms, QMJnlh jnl,
 // ---- mutexes --------------------------------------------------------------
 
 // The holder bookkeeping is written by holders only, before they unlock:
-// owner by the exclusive holder, shared by each shared holder.
-struct Lock {
+// owner by the exclusive holder, shared by each shared holder. Each mutex
+// starts a cache line of its own, so that threads taking two mutexes made
+// one after the other do not write one line.
+struct alignas(64) Lock {
   QMLock pub;                       // the table callers see
   Host *host;                       // the host that made it
   std::string name;                 // pub.generic.name points here

@@ -17,7 +17,12 @@ constexpr std::size_t kBuckets = 4096;
 constexpr std::size_t kStripes = 64;
 
 HandleBlock *buckets[kBuckets];
-std::atomic_flag stripes[kStripes];
+// Each stripe's flag on a cache line of its own: threads that check
+// different handles (every UpdateIOInfo does) must not write one line.
+struct alignas(64) Stripe {
+  std::atomic_flag flag;
+};
+Stripe stripes[kStripes];
 
 std::size_t bucketOf(const void *h) {
   auto v = reinterpret_cast<std::uintptr_t>(h);
@@ -28,7 +33,7 @@ std::size_t bucketOf(const void *h) {
 
 class StripeGuard {
  public:
-  explicit StripeGuard(std::size_t bucket) : flag_(stripes[bucket % kStripes]) {
+  explicit StripeGuard(std::size_t bucket) : flag_(stripes[bucket % kStripes].flag) {
     lockOrderTake(Rank::HandleSet);
     while (flag_.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
     lockOrderTaken(Rank::HandleSet);
@@ -76,18 +81,18 @@ bool handleIsLive(const void *h) noexcept {
 }
 
 void handleSetPrepareFork() noexcept {
-  for (std::atomic_flag &f : stripes)
-    while (f.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
+  for (Stripe &s : stripes)
+    while (s.flag.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
 }
 
 void handleSetParentAfterFork() noexcept {
-  for (std::atomic_flag &f : stripes) f.clear(std::memory_order_release);
+  for (Stripe &s : stripes) s.flag.clear(std::memory_order_release);
 }
 
 void resetHandleSetAfterFork() noexcept {
   // Only the forking thread exists in the child: a stripe that another thread
   // of the parent held at the fork would otherwise stay taken for ever.
-  for (std::atomic_flag &f : stripes) f.clear(std::memory_order_relaxed);
+  for (Stripe &s : stripes) s.flag.clear(std::memory_order_relaxed);
 }
 
 void unregisterHandlesOf(const QMELMExtension *ext) noexcept {

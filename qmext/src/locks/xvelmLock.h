@@ -27,6 +27,10 @@ struct IORecord {
   NodeState *owner;    // the node whose chain holds it; null once that node is destroyed
   IORecord *nodeNext;  // next record on the owner's chain
   bool retired;        // forgotten by a reset but kept for the node's handles
+  // Keeps the next block of the pool off the counters' last cache line:
+  // records are made one after another, and threads that update two of
+  // them must not write one line.
+  char tailPad[64];
 };
 
 // A file node as it is allocated: the public node, the chain of every I/O
