@@ -189,6 +189,19 @@ std::string describeRow(const LockRow &r) {
   return who + what;
 }
 
+pid_t serverNamedPid(int fd, short type, off_t start, off_t len, pid_t ofdPid) {
+  // F_OFD_GETLK names no process (-1) on some servers (GlusterFS) even for a
+  // POSIX holder; F_GETLK reports the PID the server has for the holder. The
+  // caller holds no record lock on the file here, so F_GETLK sees only others.
+  struct flock q {};
+  q.l_type = type;
+  q.l_whence = SEEK_SET;
+  q.l_start = start;
+  q.l_len = len;
+  if (fcntl(fd, F_GETLK, &q) == 0 && q.l_type != F_UNLCK) return q.l_pid;
+  return ofdPid;
+}
+
 std::string conflictingHolders(int fd, const WantedLock &want) {
   struct stat st {};
   if (fstat(fd, &st) != 0) return "its holder could not be found";
@@ -222,9 +235,12 @@ std::string conflictingHolders(int fd, const WantedLock &want) {
   fl.l_whence = SEEK_SET;
   fl.l_start = want.start;
   fl.l_len = want.end < 0 ? 0 : want.end - want.start + 1;
-  if (want.record && !remote.empty() && fcntl(fd, F_OFD_GETLK, &fl) == 0 && fl.l_type != F_UNLCK)
-    return "a process on another machine (PID " + std::to_string(fl.l_pid) + " there, over " +
-           remote + ") holds a " + (fl.l_type == F_WRLCK ? "write" : "read") + " lock";
+  if (want.record && !remote.empty() && fcntl(fd, F_OFD_GETLK, &fl) == 0 && fl.l_type != F_UNLCK) {
+    const pid_t pid = serverNamedPid(fd, want.write ? F_WRLCK : F_RDLCK, want.start,
+                                     want.end < 0 ? 0 : want.end - want.start + 1, fl.l_pid);
+    return "a process on another machine (PID " + std::to_string(pid) + " there, over " + remote +
+           ") holds a " + (fl.l_type == F_WRLCK ? "write" : "read") + " lock";
+  }
   return "its holder went away while it was being locked";
 }
 

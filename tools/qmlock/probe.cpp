@@ -21,11 +21,17 @@
 
 namespace qmlock {
 
+// The PID F_GETLK reports for a holder of fd's file (ofdPid when it reports
+// none); defined in locktable.cpp.
+pid_t serverNamedPid(int fd, short type, off_t start, off_t len, pid_t ofdPid);
+
 namespace {
 
 // A holder the server names and this machine does not show: another
-// machine's process, with its PID there (0 when none).
+// machine's process, with the PID the server gives (its PID there; 0 or -1
+// when the server gives none).
 struct RemoteHolder {
+  bool held = false;
   pid_t pid = 0;
   bool write = false;
   off_t start = 0, end = -1;
@@ -41,7 +47,7 @@ RemoteHolder remoteHolder(int fd, const std::vector<LockRow> &rows) {
     const bool samePid = q.l_pid == -1 ? r.kind == LockKind::ofd : r.pid == q.l_pid;
     if (r.kind != LockKind::flock && samePid && r.start == q.l_start && r.end == end) return {};
   }
-  return {q.l_pid, q.l_type == F_WRLCK, q.l_start, end};
+  return {true, serverNamedPid(fd, F_WRLCK, 0, 0, q.l_pid), q.l_type == F_WRLCK, q.l_start, end};
 }
 
 std::string range(off_t start, off_t end) {
@@ -51,7 +57,7 @@ std::string range(off_t start, off_t end) {
 
 void printText(const std::string &path, const std::vector<LockRow> &rows,
                const RemoteHolder &remote, const std::string &fs) {
-  if (rows.empty() && remote.pid == 0) {
+  if (rows.empty() && !remote.held) {
     std::printf("%s: free\n", path.c_str());
     return;
   }
@@ -62,7 +68,7 @@ void printText(const std::string &path, const std::vector<LockRow> &rows,
     std::printf("  %-5s %-5s %-12s %s\n", kindName(r.kind), r.write ? "write" : "read",
                 range(r.start, r.end).c_str(), who.c_str());
   }
-  if (remote.pid != 0)
+  if (remote.held)
     std::printf("  %-5s %-5s %-12s a process on another machine (PID %d there, over %s)\n", "POSIX",
                 remote.write ? "write" : "read", range(remote.start, remote.end).c_str(),
                 static_cast<int>(remote.pid), fs.c_str());
@@ -85,7 +91,7 @@ std::string jsonFile(const std::string &path, const std::vector<LockRow> &rows,
   for (const LockRow &r : rows)
     locks += (locks.empty() ? "" : ", ") +
              jsonLock(kindName(r.kind), r.write, r.start, r.end, r.pid, r.command, r.fd, false);
-  if (remote.pid != 0)
+  if (remote.held)
     locks += (locks.empty() ? "" : ", ") +
              jsonLock("POSIX", remote.write, remote.start, remote.end, remote.pid, "", -1, true);
   return "{\"path\": " + jsonString(path) + ", \"held\": " + (locks.empty() ? "false" : "true") +
@@ -133,7 +139,7 @@ int probeMain(int argc, char **argv) {
     const std::string fs = remoteFileSystem(fd);
     const RemoteHolder remote = fs.empty() ? RemoteHolder{} : remoteHolder(fd, rows);
     close(fd);
-    held = held || !rows.empty() || remote.pid != 0;
+    held = held || !rows.empty() || remote.held;
     if (json)
       jsonOut += (jsonOut.empty() ? "" : ",\n ") + jsonFile(path, rows, remote, fs);
     else
