@@ -36,16 +36,14 @@ class Volume {
   }
   std::string m1, m2, m3;  // m3 exists only on the other machine
   pid_t helper = 0;        // a process in the other machine's namespaces
-  std::string state, script;
+  std::string state;       // glusterfs.sh's directory
   bool up() const { return helper > 0 && !m1.empty(); }
 
  private:
   Volume() {
     const char *s = std::getenv("QMNETFS_STATE");
-    const char *sh = std::getenv("QMNETFS_SCRIPT");
-    if (s == nullptr || sh == nullptr) return;
+    if (s == nullptr) return;
     state = s;
-    script = sh;
     std::ifstream in(state + "/env");
     std::map<std::string, std::string> kv;
     for (std::string line; std::getline(in, line);)
