@@ -108,7 +108,7 @@ inline constexpr size_t kRegistryShards = 1;
 inline constexpr size_t kPoolShards = 1;
 #else
 inline constexpr size_t kRegistryShards = 8;
-inline constexpr size_t kPoolShards = 16;
+inline constexpr size_t kPoolShards = 64;
 #endif
 
 // ---- registries ----------------------------------------------------------
