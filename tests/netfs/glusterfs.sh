@@ -12,6 +12,8 @@
 #   glusterfs.sh stop STATE    take it all down, leaving nothing behind
 #   glusterfs.sh status STATE  exit 0 while it is up
 #   glusterfs.sh exec STATE CMD [ARG...]   run CMD on the other machine
+#   glusterfs.sh kill-brick STATE          SIGKILL the brick: the server is
+#                              gone for every client (stop still cleans up)
 #
 # glusterd runs with its own volfile: its working directory, run directory,
 # CLI socket, pid file and logs are in STATE, so /var/lib/glusterd is not
@@ -43,7 +45,7 @@ die() {
 }
 
 usage() {
-  echo "usage: glusterfs.sh start|stop|status STATE | exec STATE CMD [ARG...]" >&2
+  echo "usage: glusterfs.sh start|stop|status|kill-brick STATE | exec STATE CMD [ARG...]" >&2
   exit 2
 }
 
@@ -269,6 +271,11 @@ case "$action" in
   start) start ;;
   stop) stop ;;
   status) status ;;
+  kill-brick)
+    brick=$(pgrep -f -- "glusterfsd.*--brick-name $state/brick( |$)" || true)
+    [ -n "$brick" ] || die "no brick process of $state"
+    kill -KILL $brick
+    ;;
   exec)
     [ $# -ge 1 ] || usage
     helper_alive || die "the other machine is not up"
