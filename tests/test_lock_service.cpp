@@ -22,10 +22,8 @@ struct Case {
   const char *says;
 };
 constexpr Case kCases[] = {
-    {ENOLCK, "no lock records left"},
-    {ETIMEDOUT, "did not answer in time"},
-    {EIO, "I/O error"},
-    {ECONNRESET, "could not be reached"},
+    {ENOLCK, "no lock records left"},     {ETIMEDOUT, "did not answer in time"}, {EIO, "I/O error"},
+    {ECONNRESET, "could not be reached"}, {EBADFD, "could not be reached"},
 };
 
 // An exclusive acquisition of path while F_SETLK fails with setlkErrno:

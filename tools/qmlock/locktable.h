@@ -55,6 +55,11 @@ const char *kernelKindName(LockKind k);
 // which /proc/locks does not show.
 std::string remoteFileSystem(int fd);
 
+// The PID F_GETLK reports for a holder of fd's file over [start, start+len)
+// (ofdPid when it reports none): on a file system whose server arbitrates
+// locks, the holder's PID as the server has it.
+pid_t serverNamedPid(int fd, short type, off_t start, off_t len, pid_t ofdPid);
+
 // s as a JSON string, quoted, for probe --json and locks --json.
 std::string jsonString(const std::string &s);
 

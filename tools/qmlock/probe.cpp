@@ -21,10 +21,6 @@
 
 namespace qmlock {
 
-// The PID F_GETLK reports for a holder of fd's file (ofdPid when it reports
-// none); defined in locktable.cpp.
-pid_t serverNamedPid(int fd, short type, off_t start, off_t len, pid_t ofdPid);
-
 namespace {
 
 // A holder the server names and this machine does not show: another

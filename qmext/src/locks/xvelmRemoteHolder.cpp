@@ -92,6 +92,7 @@ const char *lockServiceFailure(int err) noexcept {
     case EIO:
       return "; the lock request failed with an I/O error (on a network file system: the "
              "connection to the server may be lost)";
+    case EBADFD:  // a FUSE client whose server went away
     case ECONNREFUSED:
     case ECONNRESET:
     case ENOTCONN:
