@@ -9,13 +9,45 @@
 #ifndef QMHOST_ADDRESS_MAP_H
 #define QMHOST_ADDRESS_MAP_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <thread>
 #include <utility>
 
 namespace qmhost {
+
+// Waits a moment inside a spin: the processor's pause hint.
+inline void spinPause() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#endif
+}
+
+// The lock of one shard of a pool or registry: held for a few instructions
+// (one probe of an AddressMap), so a waiter spins briefly, then yields its
+// processor, rather than sleeping in the kernel; an uncontended lock and
+// unlock are one exchange and one store.
+class ShardLock {
+ public:
+  void lock() noexcept {
+    for (int spins = 0; busy_.exchange(true, std::memory_order_acquire); ++spins) {
+      while (busy_.load(std::memory_order_relaxed)) {
+        if (++spins < 64)
+          spinPause();
+        else
+          std::this_thread::yield();
+      }
+    }
+  }
+  bool try_lock() noexcept { return !busy_.exchange(true, std::memory_order_acquire); }
+  void unlock() noexcept { busy_.store(false, std::memory_order_release); }
+
+ private:
+  std::atomic<bool> busy_{false};
+};
 
 // A well-mixed hash of an object's address (blocks are at least 16-byte
 // aligned, and the blocks of different threads differ mostly in their high

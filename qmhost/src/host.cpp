@@ -242,7 +242,7 @@ QM_EXPORT void qmhost_stats(QMHndlp h, QMHostStats *out) noexcept {
   out->pools = host->pools.size();
   host->pools.forEach([out](const qmhost::Pool &pool) {
     for (const qmhost::PoolShard &shard : pool.shards) {
-      std::lock_guard<std::mutex> g(shard.m);
+      std::lock_guard<qmhost::ShardLock> g(shard.m);
       out->pool_blocks += shard.blocks.size();
       out->pool_bytes += shard.bytes;
     }

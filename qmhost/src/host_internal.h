@@ -107,7 +107,7 @@ class FailPoints {
 inline constexpr size_t kRegistryShards = 1;
 inline constexpr size_t kPoolShards = 1;
 #else
-inline constexpr size_t kRegistryShards = 8;
+inline constexpr size_t kRegistryShards = 64;
 inline constexpr size_t kPoolShards = 64;
 #endif
 
@@ -123,20 +123,20 @@ class Registry {
   T *add(std::unique_ptr<T> obj) noexcept {
     T *raw = obj.get();
     Shard &sh = shardOf(raw);
-    std::lock_guard<std::mutex> g(sh.m);
+    std::lock_guard<ShardLock> g(sh.m);
     return sh.live.insert(raw, std::move(obj)) ? raw : nullptr;
   }
   std::unique_ptr<T> take(const void *obj) noexcept {
     Shard &sh = shardOf(obj);
     std::unique_ptr<T> owned;
-    std::lock_guard<std::mutex> g(sh.m);
+    std::lock_guard<ShardLock> g(sh.m);
     (void)sh.live.take(obj, &owned);
     return owned;
   }
   size_t size() const noexcept {
     size_t n = 0;
     for (const Shard &sh : shards_) {
-      std::lock_guard<std::mutex> g(sh.m);
+      std::lock_guard<ShardLock> g(sh.m);
       n += sh.live.size();
     }
     return n;
@@ -145,7 +145,7 @@ class Registry {
   template <class F>
   void forEach(F &&f) const {
     for (const Shard &sh : shards_) {
-      std::lock_guard<std::mutex> g(sh.m);
+      std::lock_guard<ShardLock> g(sh.m);
       sh.live.forEach([&f](const void *, const std::unique_ptr<T> &obj) { f(*obj); });
     }
   }
@@ -167,7 +167,7 @@ class Registry {
     for (Shard &sh : shards_) {
       AddressMap<std::unique_ptr<T>> doomed;
       {
-        std::lock_guard<std::mutex> g(sh.m);
+        std::lock_guard<ShardLock> g(sh.m);
         doomed.swap(sh.live);
       }
     }
@@ -177,7 +177,7 @@ class Registry {
   // Objects are spread over shards by address, so threads that create and
   // destroy different objects rarely meet on one mutex.
   struct alignas(64) Shard {
-    mutable std::mutex m;
+    mutable ShardLock m;
     AddressMap<std::unique_ptr<T>> live;  // guarded by m
   };
   static constexpr size_t kShards = kRegistryShards;
@@ -193,7 +193,7 @@ class Registry {
 // address selects, so threads that allocate different blocks rarely meet on
 // the same mutex.
 struct alignas(64) PoolShard {
-  mutable std::mutex m;       // guards blocks and bytes
+  mutable ShardLock m;        // guards blocks and bytes
   AddressMap<size_t> blocks;  // live block -> requested size
   size_t bytes = 0;           // sum of the live sizes
 };
@@ -216,16 +216,18 @@ QMPoolh poolCreate(QMHndlp h, const QMPoolCreateParms *parms, QMJnlh jnl,
 // ---- mutexes --------------------------------------------------------------
 
 // The holder bookkeeping is written by holders only, before they unlock:
-// owner by the exclusive holder, shared by each shared holder. Each mutex
-// starts a cache line of its own, so that threads taking two mutexes made
-// one after the other do not write one line.
-struct alignas(64) Lock {
+// owner by the exclusive holder, shared by each shared holder. The mutex
+// and its bookkeeping come after the read-only table and name, and a pad
+// follows them, so that threads taking two mutexes made one after the other
+// do not write one cache line.
+struct Lock {
   QMLock pub;                       // the table callers see
   Host *host;                       // the host that made it
   std::string name;                 // pub.generic.name points here
   std::shared_mutex m;              // the mutex itself
   std::atomic<uintptr_t> owner{0};  // thread id of the exclusive holder, 0 if none
   std::atomic<long> shared{0};      // number of shared holders
+  char pad[64] = {};                // keeps the next block off the line above
 
   Lock(Host *h, const char *lockName);
 };

@@ -140,20 +140,34 @@ QMStatus convert(Enc from, Enc to, Cursor &c) {
   // Names of files are mostly ASCII, and every lock request converts one.
   const bool asciiAsIs = from == Enc::Ucs4 && (to == Enc::Utf8 || to == Enc::Latin1);
   while (c.inLeft > 0) {
-    if (asciiAsIs && c.inLeft >= 4) {
-      uint32_t unit;
-      std::memcpy(&unit, c.in, 4);
-      if (unit < 0x80) {
-        if (c.out != nullptr) {
-          if (c.outLeft == 0) return QM_E_BUFFER_TOO_SMALL;
-          *c.out++ = static_cast<unsigned char>(unit);
-          --c.outLeft;
-        }
-        c.in += 4;
-        c.inLeft -= 4;
-        ++c.produced;
-        continue;
+    if (asciiAsIs) {
+      // The run of ASCII characters from here, copied in one pass.
+      size_t run = 0;
+      for (const size_t units = c.inLeft / 4; run < units; ++run) {
+        uint32_t unit;
+        std::memcpy(&unit, c.in + 4 * run, 4);
+        if (unit >= 0x80) break;
       }
+      if (c.out != nullptr) {
+        const size_t fits = run < c.outLeft ? run : c.outLeft;
+        for (size_t i = 0; i < fits; ++i) {
+          uint32_t unit;
+          std::memcpy(&unit, c.in + 4 * i, 4);
+          c.out[i] = static_cast<unsigned char>(unit);
+        }
+        c.out += fits;
+        c.outLeft -= fits;
+        if (fits < run) {
+          c.in += 4 * fits;
+          c.inLeft -= 4 * fits;
+          c.produced += fits;
+          return QM_E_BUFFER_TOO_SMALL;
+        }
+      }
+      c.in += 4 * run;
+      c.inLeft -= 4 * run;
+      c.produced += run;
+      if (c.inLeft == 0) break;
     }
     uint32_t cp;
     size_t inLen, outLen;

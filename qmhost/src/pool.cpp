@@ -38,7 +38,7 @@ void *poolAlloc(QMPoolh ph, QMMemSize size, uint32_t flags) noexcept {
   std::memset(block, (flags & QM_POOL_ZERO_FILL) != 0 ? 0 : kFillByte, size);
   PoolShard &shard = pool->shardOf(block);
   {
-    std::lock_guard<std::mutex> g(shard.m);
+    std::lock_guard<ShardLock> g(shard.m);
     if (shard.blocks.insert(block, size)) {
       shard.bytes += size;
       return block;
@@ -57,7 +57,7 @@ QMStatus poolFree(QMPoolh ph, void *block) noexcept {
   bool known = false;
   if (block != nullptr) {
     PoolShard &shard = pool->shardOf(block);
-    std::lock_guard<std::mutex> g(shard.m);
+    std::lock_guard<ShardLock> g(shard.m);
     known = shard.blocks.take(block, &size);
     if (known) shard.bytes -= size;
   }
@@ -121,7 +121,7 @@ QM_EXPORT size_t qmhost_pool_live_blocks(QMPoolh pool) noexcept {
   const qmhost::Pool *p = reinterpret_cast<const qmhost::Pool *>(pool);
   size_t n = 0;
   for (const qmhost::PoolShard &shard : p->shards) {
-    std::lock_guard<std::mutex> g(shard.m);
+    std::lock_guard<qmhost::ShardLock> g(shard.m);
     n += shard.blocks.size();
   }
   return n;
@@ -132,7 +132,7 @@ QM_EXPORT size_t qmhost_pool_live_bytes(QMPoolh pool) noexcept {
   const qmhost::Pool *p = reinterpret_cast<const qmhost::Pool *>(pool);
   size_t n = 0;
   for (const qmhost::PoolShard &shard : p->shards) {
-    std::lock_guard<std::mutex> g(shard.m);
+    std::lock_guard<qmhost::ShardLock> g(shard.m);
     n += shard.bytes;
   }
   return n;
