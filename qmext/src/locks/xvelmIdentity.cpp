@@ -347,6 +347,14 @@ void closeStray(FileTurn &, int fd, const struct stat &st) noexcept {
 bool forgetNode(NodeState *node) noexcept {
   FileLink &l = node->link;
   if (node->generation != forkGeneration()) return true;  // never in this process's table
+  {
+    // A dead node's link never joins the table again: once it has left
+    // (its closes all made, the usual case), there is nothing to do, and
+    // the file's turn, which a thread making a new node of the file may be
+    // using, is not waited for.
+    StripeHold h(l);
+    if (!l.attached) return true;
+  }
   FileTurn t(l);
   StripeHold h(l);
   if (!l.attached) return true;

@@ -319,13 +319,16 @@ QMStatus Acquisition::run(QMMemSize resType, QMMemSize lockType, DeadNodes &dead
   // The usual join: the name's node is live and no dead node waits to be
   // taken off the list, so a shared hold of ListMutex is all the look-up
   // needs, and joiners of different files do not wait for each other.
+  // With dead nodes waiting, the look-up must hold it exclusively anyway:
+  // the shared look-up is skipped (a last holder left just now, so this is
+  // most likely a first holder too).
   hash_ = nameHash(narrow_.get(), nn_.len, parms_->FilenameLen);
   NodeState *seen = nullptr;
-  {
+  if (!deadQueued(ext_)) {
     MutexGuard shared(ext_->ListMutex, Rank::List, LockMode::Shared);
     if (!shared) return fail(shared.status());
     seen = peekNode(ext_, narrow_.get(), nn_.len, parms_->FilenameLen, hash_);
-    if (seen != nullptr && !deadQueued(ext_)) {
+    if (seen != nullptr) {
       if (const std::optional<QMStatus> st = enter(seen, shared)) return *st;
     }
   }
