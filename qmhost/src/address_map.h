@@ -49,16 +49,32 @@ class ShardLock {
   std::atomic<bool> busy_{false};
 };
 
-// A well-mixed hash of an object's address (blocks are at least 16-byte
-// aligned, and the blocks of different threads differ mostly in their high
-// bits, so every bit is mixed in).
+// A well-mixed hash of an object's address: every bit of the result
+// depends on every bit of the address (a multiply alone leaves the middle
+// bits correlated with the top ones, so that the blocks of one shard piled
+// up in a few slots of its map).
+inline uint64_t mixBits(uint64_t x) noexcept {
+  x ^= x >> 33;
+  x *= 0xff51afd7ed558ccdull;
+  x ^= x >> 33;
+  x *= 0xc4ceb9fe1a85ec53ull;
+  x ^= x >> 33;
+  return x;
+}
 inline uint64_t addressHash(const void *p) noexcept {
-  return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p) >> 4) * 0x9E3779B97F4A7C15ull;
+  return mixBits(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p)));
 }
 
-// The shard (of n, a power of two) an address belongs to: the hash's top bits.
+// The shard (of n, a power of two) an address belongs to, by the 64 MiB
+// region it lies in. malloc serves each thread from an arena of its own,
+// whose heaps are 64 MiB-aligned regions, so the blocks of one thread stay in
+// one shard and two threads rarely write the cache lines of one shard (its
+// lock and its map). Spread by their full address, the blocks of every
+// thread went to every shard, and two threads allocating side by side ran
+// slower together than one alone.
 inline size_t addressShard(const void *p, size_t n) noexcept {
-  return n <= 1 ? 0 : static_cast<size_t>(addressHash(p) >> (64 - __builtin_ctzll(n)));
+  const uint64_t region = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p)) >> 26;
+  return n <= 1 ? 0 : static_cast<size_t>(mixBits(region) >> (64 - __builtin_ctzll(n)));
 }
 
 template <class V>
@@ -121,9 +137,9 @@ class AddressMap {
   };
   static constexpr size_t kFirstCapacity = 16;
 
-  // The middle bits of the hash: the top ones chose the shard.
+  // The low bits of the hash: the top ones chose the shard.
   size_t slotOf(const void *key) const noexcept {
-    return static_cast<size_t>(addressHash(key) >> 20) & (capacity_ - 1);
+    return static_cast<size_t>(addressHash(key)) & (capacity_ - 1);
   }
   size_t next(size_t i) const noexcept { return (i + 1) & (capacity_ - 1); }
 
