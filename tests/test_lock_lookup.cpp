@@ -104,3 +104,49 @@ TEST(LockLookup, JoinsRaceReleasesAndNewNodes) {
   ASSERT_EQ(left.size(), 1u);
   EXPECT_TRUE(left[0]->DeadNode);
 }
+
+namespace {
+
+int stubMatches = 0, stubReleases = 0;
+int stubMatch(QMELMExtensionp, QMELMMatchOptionParms *p, QMJnlh) noexcept {
+  ++stubMatches;
+  p->option = QMELM_Continue;
+  return 0;
+}
+int stubRelease(QMELMExtensionp, QMELMMatchOptionParms *, QMJnlh) noexcept {
+  ++stubReleases;
+  return 0;
+}
+
+}  // namespace
+
+// A request without an option bit takes the option the table governs its
+// path with; a caller that put its own matcher in the function table gets
+// that matcher asked (and its answer released), once per request.
+TEST(LockLookup, TheOptionComesFromTheTableOrFromTheMatcherInTheSlots) {
+  TestHost host;
+  TempDir dir;
+  ASSERT_EQ(host.setOption(dir.path(), QMELM_None), 0);
+  LockRequest r(dir.file("opt"));
+  int rc = 0;
+  QMELMLHndlp h = host.lock(r, NX | ENX, &rc);
+  ASSERT_NE(h, nullptr) << std::hex << rc;
+  EXPECT_EQ(h->Private.LockType & (QMELM_OPT_NONE | QMELM_OPT_FAIL | QMELM_OPT_CONTINUE),
+            QMMemSize{QMELM_OPT_NONE});
+  EXPECT_EQ(host.release(h), 0);
+
+  const size_t blocks = host.liveBlocks();
+  QMELMFunctions saved = host.fn();
+  host.fn().MatchOption = stubMatch;
+  host.fn().ReleaseMatch = stubRelease;
+  LockRequest r2(dir.file("opt"));
+  h = host.lock(r2, NX | ENX, &rc);
+  host.fn() = saved;
+  ASSERT_NE(h, nullptr) << std::hex << rc;
+  EXPECT_EQ(stubMatches, 1);
+  EXPECT_EQ(stubReleases, 1);
+  EXPECT_EQ(h->Private.LockType & (QMELM_OPT_NONE | QMELM_OPT_FAIL | QMELM_OPT_CONTINUE),
+            QMMemSize{QMELM_OPT_CONTINUE});
+  EXPECT_EQ(host.release(h), 0);
+  EXPECT_EQ(footprint(host, dir.file("idle")).first, blocks);
+}

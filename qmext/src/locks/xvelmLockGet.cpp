@@ -27,6 +27,7 @@
 #include "locks/xvelmIdentity.h"
 #include "locks/xvelmLock.h"
 #include "locks/xvelmNodeList.h"
+#include "options/xvelmOptions.h"
 
 namespace {
 
@@ -158,26 +159,34 @@ QMStatus Acquisition::allocateHandle(QMMemSize resType, QMMemSize lockType) noex
 // acquisition does not depend on the option table.
 void Acquisition::matchOption(QMMemSize lockType, NLScei target) noexcept {
   if (lockType & kSkipsOptionMatch) return;
-  QMELMMatchOptionParms mp{};
-  mp.path = parms_->Filename;
-  mp.pathlen = static_cast<QMStrSize>(parms_->FilenameLen);
-  mp.enc_pathname = target;
-  if (ext_->Functions.MatchOption(ext_, &mp, jnl_) == 0) {
-    switch (mp.option) {
-      case QMELM_None:
-        lock()->Private.LockType |= QMELM_OPT_NONE;
-        break;
-      case QMELM_Continue:
-        lock()->Private.LockType |= QMELM_OPT_CONTINUE;
-        break;
-      case QMELM_Fail:
-        lock()->Private.LockType |= QMELM_OPT_FAIL;
-        break;
-      default:
-        break;
-    }
+  QMELMLockOption option = QMELM_Unknown;
+  const auto len = static_cast<QMStrSize>(parms_->FilenameLen);
+  if (ext_->Functions.MatchOption == &qmelmmatchoption &&
+      ext_->Functions.ReleaseMatch == &qmelmreleasematch) {
+    // The extension's own matcher in its slots: the same answer, without
+    // the copies MatchOption makes for its callers and ReleaseMatch frees.
+    (void)matchedOption(ext_, parms_->Filename, len, target, jnl_, &option);
+  } else {
+    QMELMMatchOptionParms mp{};
+    mp.path = parms_->Filename;
+    mp.pathlen = len;
+    mp.enc_pathname = target;
+    if (ext_->Functions.MatchOption(ext_, &mp, jnl_) == 0) option = mp.option;
+    (void)ext_->Functions.ReleaseMatch(ext_, &mp, jnl_);
   }
-  (void)ext_->Functions.ReleaseMatch(ext_, &mp, jnl_);
+  switch (option) {
+    case QMELM_None:
+      lock()->Private.LockType |= QMELM_OPT_NONE;
+      break;
+    case QMELM_Continue:
+      lock()->Private.LockType |= QMELM_OPT_CONTINUE;
+      break;
+    case QMELM_Fail:
+      lock()->Private.LockType |= QMELM_OPT_FAIL;
+      break;
+    default:
+      break;
+  }
 }
 
 // The name in the target encoding, terminated by a NUL as wide as the

@@ -105,3 +105,26 @@ int xvelmMatchOption(QMELMExtensionp ext, QMELMMatchOptionParms *parms, QMJnlh j
   parms->matchpathlen = g.keyLen;
   return 0;
 }
+
+namespace xvelm::detail {
+
+QMStatus matchedOption(QMELMExtension *ext, const QMChar *path, QMStrSize len, NLScei enc,
+                       QMJnlh jnl, QMELMLockOption *option) noexcept {
+  *option = QMELM_Unknown;
+  if (path == nullptr || len == 0) {
+    journalStatus(jnl, QMELM_E_NO_PATH);
+    return QMELM_E_NO_PATH;
+  }
+  // Declared first, so that qmioe gets its memory back after the mutex.
+  FullPath resolved(ext, jnl, enc);
+  if (QMStatus rc = resolved.resolve(path, len); rc != 0) {
+    journalStatus(jnl, rc);
+    return rc;
+  }
+  MutexGuard guard(ext->OptionMutex, Rank::Option, LockMode::Shared);
+  if (!guard) return journaled(jnl, guard.status());
+  *option = governingEntry(ext, resolved.data(), resolved.size()).option;
+  return 0;
+}
+
+}  // namespace xvelm::detail

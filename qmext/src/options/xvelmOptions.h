@@ -74,6 +74,13 @@ struct SlotRange {
 [[nodiscard]] bool slotHolds(const QMELMExtension *ext, QMMemSize i, const QMChar *key,
                              QMStrSize len) noexcept;
 
+// The option that governs path, as MatchOption finds it, without the two
+// copies MatchOption hands its callers: a lock request needs only the
+// option. Failures are journaled as MatchOption journals them, and leave
+// *option QMELM_Unknown.
+[[nodiscard]] QMStatus matchedOption(QMELMExtension *ext, const QMChar *path, QMStrSize len,
+                                     NLScei enc, QMJnlh jnl, QMELMLockOption *option) noexcept;
+
 // The option of a request as stored by a C caller, who may pass any 32-bit
 // value: read without assuming it is one of the enumerators.
 int32_t requestedOption(const QMELMLockOption &option) noexcept;
