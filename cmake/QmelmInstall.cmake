@@ -8,6 +8,8 @@
 #                         API qmelm.hpp (-I<prefix>/include/qmelm)
 #   bin/qmlock, libexec/qmelm/flock (qmlock under the name flock(1); put that
 #             directory first on PATH to have scripts use it),
+#             libexec/qmelm/qmlock-manager (the shell and the demo, which qmlock
+#             execs; installed by tools/qmlock/CMakeLists.txt),
 #   share/man/man1/qmlock.1, share/man/man3/qmelm.3
 #   lib/cmake/qmelm/      the CMake package: find_package(qmelm) gives the
 #                         imported targets of qmelmTargets.cmake
@@ -31,8 +33,9 @@ install(EXPORT qmelmTargets NAMESPACE qmelm:: DESTINATION ${QMELM_INSTALL_CMAKED
 install(TARGETS qmlock RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/tools/qmlock/qmlock.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${PROJECT_SOURCE_DIR}/man/qmelm.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
-file(RELATIVE_PATH _qmelm_bin_to_lib /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
-set_target_properties(qmlock PROPERTIES INSTALL_RPATH "$ORIGIN/${_qmelm_bin_to_lib}")
+# qmlock needs no run path: it links no library of ours (libqmhostcm.so, for
+# --version, is opened by its path relative to the executable), and a run
+# path would only send the loader to look for the C library there first.
 
 file(RELATIVE_PATH _qmelm_libexec_to_qmlock /prefix/${CMAKE_INSTALL_LIBEXECDIR}/qmelm
      /prefix/${CMAKE_INSTALL_BINDIR}/qmlock)
