@@ -163,23 +163,9 @@ int main(int argc, char **argv) {
   using qmbench::Row;
   // A figure of bench beside bare on the CPU clock, both at threads.
   auto versus = [](const char *label, const char *bench, const char *bare, int64_t threads) {
-    Row r;
-    r.label = label;
-    r.bench = bench;
-    r.threads = r.bareThreads = threads;
-    r.bare = bare;
-    return r;
+    return qmbench::versusRow(label, bench, threads, bare, threads, Clock::Cpu, Goal::Info, 0);
   };
-  // Throughput of 2 threads over 1 thread, on the wall clock.
-  auto gain = [&versus](const char *label, const char *bench, Goal goal, double target) {
-    Row r = versus(label, bench, bench, 2);
-    r.bareThreads = 1;
-    r.clock = Clock::Real;
-    r.goal = goal;
-    r.target = target;
-    r.speedup = true;
-    return r;
-  };
+  const auto gain = qmbench::gainRow;
   const std::vector<Row> rows = {
       versus("GetLockOptions+Release (1,000 entries) vs bare malloc copy", "host/get_options",
              "bare/malloc_copy", 1),

@@ -456,25 +456,8 @@ int main(int argc, char **argv) {
   using qmbench::Clock;
   using qmbench::Goal;
   using qmbench::Row;
-  // One summary line: bench (at threads) against bare (at bareThreads).
-  auto row = [](std::string label, std::string bench, int64_t threads, std::string bare,
-                int64_t bareThreads, Clock clock, Goal goal, double target) {
-    Row r;
-    r.label = std::move(label);
-    r.bench = std::move(bench);
-    r.threads = threads;
-    r.bare = std::move(bare);
-    r.bareThreads = bareThreads;
-    r.clock = clock;
-    r.goal = goal;
-    r.target = target;
-    return r;
-  };
-  auto gain = [&row](std::string label, const std::string &bench, Goal goal, double target) {
-    Row r = row(std::move(label), bench, 2, bench, 1, Clock::Real, goal, target);
-    r.speedup = true;
-    return r;
-  };
+  const auto row = qmbench::versusRow;
+  const auto gain = qmbench::gainRow;
   const std::string bareFirst = "bare/first_holder_calls";
   const std::string bareJoin = "bare/stat_open_close";
   std::vector<Row> rows = {
@@ -506,9 +489,9 @@ int main(int argc, char **argv) {
   rows.push_back(gain("bare calls, 2 threads vs 1 (throughput gain)", bareFirst, Goal::Info, 0));
   // Threads on different files do not meet: the lock manager keeps what the
   // machine gives the bare calls on two threads.
-  Row kept = row("get+release 0x005 gain vs bare calls' gain, 2 threads on 2 files", first5, 2,
-                 bareFirst, 2, Clock::Real, Goal::RatioAtLeast, 0.95);
-  kept.gainOfGains = true;
+  Row kept =
+      qmbench::keptGainRow("get+release 0x005 gain vs bare calls' gain, 2 threads on 2 files",
+                           first5, bareFirst, Goal::RatioAtLeast, 0.95);
   rows.push_back(kept);
   // Sleeps on a mutex do not show on the CPU clock; the switch count does.
   Row waits = row("get+release 0x005, 2 threads: sleeps per op vs bare calls", first5, 2, bareFirst,

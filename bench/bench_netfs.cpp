@@ -124,38 +124,19 @@ int main(int argc, char **argv) {
   using qmbench::Clock;
   using qmbench::Goal;
   using qmbench::Row;
-  Row vsBare;
-  vsBare.label = "first holder 0x005 vs bare calls, through the mount";
-  vsBare.bench = first;
-  vsBare.bare = bare;
-  vsBare.clock = Clock::Real;
-  vsBare.goal = Goal::RatioAtMost;
-  vsBare.target = 1.10;
-  Row gain;
-  gain.label = "get+release 0x005, 2 threads on 2 files vs 1 (throughput gain)";
-  gain.bench = gain.bare = first;
-  gain.threads = 2;
-  gain.clock = Clock::Real;
-  gain.goal = Goal::RatioAtLeast;
-  gain.target = 1.8;
-  gain.speedup = true;
-  Row bareGain = gain;
-  bareGain.label = "bare calls, 2 threads on 2 files vs 1 (throughput gain)";
-  bareGain.bench = bareGain.bare = bare;
-  bareGain.goal = Goal::Info;
-  bareGain.target = 0;
-
+  const Row vsBare = qmbench::versusRow("first holder 0x005 vs bare calls, through the mount",
+                                        first, 1, bare, 1, Clock::Real, Goal::RatioAtMost, 1.10);
+  const Row gain =
+      qmbench::gainRow("get+release 0x005, 2 threads on 2 files vs 1 (throughput gain)", first,
+                       Goal::RatioAtLeast, 1.8);
+  const Row bareGain = qmbench::gainRow("bare calls, 2 threads on 2 files vs 1 (throughput gain)",
+                                        bare, Goal::Info, 0);
   // The gain the machine gives the bare calls (two FUSE requests in flight
   // need idle cores for the client and the brick too) is the ceiling: how
   // much of it the lock manager keeps.
-  Row kept = gain;
-  kept.label = "get+release 0x005 gain vs bare calls' gain, 2 threads on 2 files";
-  kept.bare = bare;
-  kept.bareThreads = 2;
-  kept.speedup = false;
-  kept.gainOfGains = true;
-  kept.goal = Goal::Info;
-  kept.target = 0;
+  const Row kept =
+      qmbench::keptGainRow("get+release 0x005 gain vs bare calls' gain, 2 threads on 2 files",
+                           first, bare, Goal::Info, 0);
 
   const int rc = qmbench::runAndSummarise(argc, argv, {vsBare, gain, bareGain, kept});
   for (int t = 0; t < 2; ++t) ::unlink(fileFor(t).c_str());

@@ -122,6 +122,36 @@ struct Row {
   std::string unit = "ns";
 };
 
+// A summary row: bench (at threads) against bare (at bareThreads).
+inline Row versusRow(std::string label, std::string bench, int64_t threads, std::string bare,
+                     int64_t bareThreads, Clock clock, Goal goal, double target) {
+  Row r;
+  r.label = std::move(label);
+  r.bench = std::move(bench);
+  r.threads = threads;
+  r.bare = std::move(bare);
+  r.bareThreads = bareThreads;
+  r.clock = clock;
+  r.goal = goal;
+  r.target = target;
+  return r;
+}
+
+// The wall-clock throughput gain of bench on 2 threads over 1 thread.
+inline Row gainRow(std::string label, const std::string &bench, Goal goal, double target) {
+  Row r = versusRow(std::move(label), bench, 2, bench, 1, Clock::Real, goal, target);
+  r.speedup = true;
+  return r;
+}
+
+// How much of the bare calls' 2-thread gain bench keeps (see gainOfGains).
+inline Row keptGainRow(std::string label, const std::string &bench, const std::string &bare,
+                       Goal goal, double target) {
+  Row r = versusRow(std::move(label), bench, 2, bare, 2, Clock::Real, goal, target);
+  r.gainOfGains = true;
+  return r;
+}
+
 inline double readValue(const Row &row, const Figures &f, Clock clock) {
   if (!row.counter.empty()) {
     auto it = f.counters.find(row.counter);
