@@ -105,9 +105,15 @@ int64_t compareWithTail(const QMChar *r, QMStrSize rlen, const QMChar *prefix, Q
 }  // namespace
 
 QMMemSize firstNotBefore(const QMELMExtension *ext, const QMChar *key, QMStrSize len) noexcept {
-  return partitionPoint(ext, [&](const QMELM_LOCK_OPTION_S &e) {
+  auto before = [&](const QMELM_LOCK_OPTION_S &e) {
     return xvelmLexicalCompare(e.fullpath, e.fullpathlen, key, len) < 0;
-  });
+  };
+  // A table filled in order (a sorted list of paths) adds each key after the
+  // last one: one comparison with the last slot instead of a search that
+  // touches an entry on every level.
+  const QMMemSize n = ext->NumOptions;
+  if (n > 0 && before(*ext->Options[n - 1])) return n;
+  return partitionPoint(ext, before);
 }
 
 SlotRange prefixRange(const QMELMExtension *ext, const QMChar *prefix, QMStrSize len,
