@@ -221,16 +221,25 @@ QMPoolh poolCreate(QMHndlp h, const QMPoolCreateParms *parms, QMJnlh jnl,
 // follows them, so that threads taking two mutexes made one after the other
 // do not write one cache line.
 struct Lock {
-  QMLock pub;                       // the table callers see
-  Host *host;                       // the host that made it
-  std::string name;                 // pub.generic.name points here
-  std::shared_mutex m;              // the mutex itself
+  QMLock pub;  // the table callers see
+  Host *host;  // the host that made it
+  // The mutex is one word: kLockExclusive while a thread holds it
+  // exclusively, the number of shared holders in the low bits, and
+  // kLockSleepers while a thread sleeps (futex) waiting for it. It shares a
+  // cache line with pub, which every caller reads just before changing it;
+  // the names after it keep the next block of memory off that line. (No
+  // alignas: an over-aligned object leaves malloc's per-thread cache for its
+  // slowest path.)
+  std::atomic<uint32_t> state{0};
   std::atomic<uintptr_t> owner{0};  // thread id of the exclusive holder, 0 if none
-  std::atomic<long> shared{0};      // number of shared holders
-  char pad[64] = {};                // keeps the next block off the line above
+  char shortName[48] = {};          // the name, when it fits (most do)
+  std::string longName;             // otherwise; pub.generic.name points at one of them
 
   Lock(Host *h, const char *lockName);
 };
+inline constexpr uint32_t kLockExclusive = 1u << 31;
+inline constexpr uint32_t kLockSleepers = 1u << 30;
+inline constexpr uint32_t kLockSharers = kLockSleepers - 1;
 
 QMLockh lockCreate(QMHndlp h, const QMLockCreateParms *parms, QMJnlh jnl,
                    const char *name) noexcept;
