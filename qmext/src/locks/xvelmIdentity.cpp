@@ -8,9 +8,9 @@
  */
 #include "locks/xvelmIdentity.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <utility>
 
@@ -22,9 +22,9 @@ namespace xvelm::detail {
 namespace {
 
 constexpr std::size_t kBuckets = 16384;
-// Threads on two files meet on one stripe with a chance of 1/kStripes. The
-// fork handlers hold every stripe at once, and ThreadSanitizer follows at
-// most 64 mutexes held by one thread: its builds use fewer.
+// Threads on two files meet on one stripe with a chance of 1/kStripes.
+// ThreadSanitizer builds use fewer, so that the suite's threads meet on
+// stripes more often there.
 #if defined(__SANITIZE_THREAD__)
 constexpr std::size_t kStripes = 16;
 #elif defined(__has_feature)
@@ -37,13 +37,53 @@ constexpr std::size_t kStripes = 256;
 constexpr std::size_t kStripes = 256;
 #endif
 
+// The mutex of a stripe, held for a few reads and writes: one
+// compare-and-swap to take, one exchange to give back. A taker that finds it
+// held spins briefly, then sleeps on the word (2: held, and a taker may be
+// asleep), which the holder's release wakes.
+class StripeLock {
+ public:
+  void lock() noexcept {
+    uint32_t free = 0;
+    if (!word_.compare_exchange_strong(free, 1, std::memory_order_acquire,
+                                       std::memory_order_relaxed))
+      lockContended();
+  }
+  void unlock() noexcept {
+    if (word_.exchange(0, std::memory_order_release) == 2) word_.notify_one();
+  }
+  // In the child of a fork: the forking thread, the child's only thread,
+  // held it; nobody else can be waiting.
+  void reset() noexcept { word_.store(0, std::memory_order_relaxed); }
+
+ private:
+  [[gnu::noinline]] void lockContended() noexcept {
+    for (int i = 0; i < 64; ++i) {
+      uint32_t free = 0;
+      if (word_.load(std::memory_order_relaxed) == 0 &&
+          word_.compare_exchange_weak(free, 1, std::memory_order_acquire,
+                                      std::memory_order_relaxed))
+        return;
+#if defined(__x86_64__) || defined(__i386__)
+      __builtin_ia32_pause();
+#endif
+    }
+    while (word_.exchange(2, std::memory_order_acquire) != 0)
+      word_.wait(2, std::memory_order_relaxed);
+  }
+  std::atomic<uint32_t> word_{0};  // 0 free, 1 held, 2 held with a possible sleeper
+};
+
 // A stripe: its mutex guards its buckets' chains and every field of the
 // links in them, and the turns under way on files of its buckets. Nothing
-// but reads and writes of these is done while the mutex is held.
+// but reads and writes of these is done while the mutex is held. A thread
+// waiting for a file's turn sleeps on turnsEnded, which a turn's end bumps
+// (under the mutex) when someone waits.
 constexpr std::size_t kTurnSlots = 8;
-struct Stripe {
-  pthread_mutex_t mutex;
-  pthread_cond_t turnEnded;  // a turn of one of its files ended
+struct alignas(64) Stripe {
+  StripeLock mutex;
+  std::atomic<uint32_t> turnsEnded{0};
+  uint32_t turnWaiters = 0;  // threads asleep on turnsEnded, or about to be
   struct Turn {
     dev_t dev;
     ino_t ino;
@@ -52,7 +92,6 @@ struct Stripe {
 };
 
 Stripe stripes[kStripes];
-pthread_once_t stripesOnce = PTHREAD_ONCE_INIT;
 FileLink *table[kBuckets];
 uint32_t generation = 1;  // bumped in the child of a fork
 
@@ -69,25 +108,18 @@ Stripe &stripeOf(dev_t dev, ino_t ino) {
   return stripeOf(bucketOf(dev, ino));
 }
 
-void initStripes() {
-  for (Stripe &s : stripes) {
-    pthread_mutex_init(&s.mutex, nullptr);
-    pthread_cond_init(&s.turnEnded, nullptr);
-  }
-}
-
 // Holds a stripe's mutex for a few reads and writes of the table.
 class StripeHold {
  public:
   explicit StripeHold(Stripe &s) noexcept : s_(s) {
     lockOrderTake(Rank::TableStripe);
-    pthread_mutex_lock(&s_.mutex);
+    s_.mutex.lock();
     lockOrderTaken(Rank::TableStripe);
   }
   explicit StripeHold(const FileLink &l) noexcept : StripeHold(stripeOf(l.dev, l.ino)) {}
   ~StripeHold() {
     lockOrderGive(Rank::TableStripe);
-    pthread_mutex_unlock(&s_.mutex);
+    s_.mutex.unlock();
   }
   StripeHold(const StripeHold &) = delete;
   StripeHold &operator=(const StripeHold &) = delete;
@@ -214,10 +246,9 @@ uint32_t forkGeneration() noexcept {
 }
 
 FileTurn::FileTurn(dev_t dev, ino_t ino) noexcept : dev_(dev), ino_(ino) {
-  (void)pthread_once(&stripesOnce, initStripes);
   lockOrderTake(Rank::FileTable);
   Stripe &s = stripeOf(dev, ino);
-  pthread_mutex_lock(&s.mutex);
+  s.mutex.lock();
   for (;;) {
     bool busy = false;
     std::size_t free = kTurnSlots;
@@ -231,19 +262,28 @@ FileTurn::FileTurn(dev_t dev, ino_t ino) noexcept : dev_(dev), ino_(ino) {
       slot_ = free;
       break;
     }
-    pthread_cond_wait(&s.turnEnded, &s.mutex);
+    // The turn ending now bumps turnsEnded under the mutex, so a bump
+    // between the release and the wait ends the wait at once.
+    const uint32_t seen = s.turnsEnded.load(std::memory_order_relaxed);
+    ++s.turnWaiters;
+    s.mutex.unlock();
+    s.turnsEnded.wait(seen, std::memory_order_relaxed);
+    s.mutex.lock();
+    --s.turnWaiters;
   }
-  pthread_mutex_unlock(&s.mutex);
+  s.mutex.unlock();
   lockOrderTaken(Rank::FileTable);
 }
 
 FileTurn::~FileTurn() {
   lockOrderGive(Rank::FileTable);
   Stripe &s = stripeOf(dev_, ino_);
-  pthread_mutex_lock(&s.mutex);
+  s.mutex.lock();
   s.turns[slot_].used = false;
-  pthread_cond_broadcast(&s.turnEnded);
-  pthread_mutex_unlock(&s.mutex);
+  const bool waited = s.turnWaiters != 0;
+  if (waited) s.turnsEnded.fetch_add(1, std::memory_order_relaxed);
+  s.mutex.unlock();
+  if (waited) s.turnsEnded.notify_all();  // the stripes are static: never freed
 }
 
 Identity recordFile(FileTurn &, FileLink &l, const struct stat &st) noexcept {
@@ -412,7 +452,6 @@ void forgetLink(const QMELMExtension *ext, FileLink &l) {
 }  // namespace
 
 void forgetExtension(const QMELMExtension *ext) noexcept {
-  (void)pthread_once(&stripesOnce, initStripes);
   for (std::size_t b = 0; b < kBuckets; ++b) {
     for (;;) {
       FileLink *l = nullptr;
@@ -433,28 +472,26 @@ void forgetExtension(const QMELMExtension *ext) noexcept {
 // ---- fork ------------------------------------------------------------------------
 
 void tablePrepareFork() noexcept {
-  (void)pthread_once(&stripesOnce, initStripes);
-  for (Stripe &s : stripes) pthread_mutex_lock(&s.mutex);
+  for (Stripe &s : stripes) s.mutex.lock();
 }
 
 void tableParentAfterFork() noexcept {
-  for (std::size_t i = kStripes; i-- > 0;) pthread_mutex_unlock(&stripes[i].mutex);
+  for (std::size_t i = kStripes; i-- > 0;) stripes[i].mutex.unlock();
 }
 
 // The child holds no record lock (they are not inherited): its table starts
 // empty, and nodes made before the fork belong to another generation. Turns
-// that threads of the parent had under way are forgotten, and the stripes'
-// condition variables, which may still count those threads as waiters, are
-// made anew. The stripes' mutexes were taken by the forking thread, the
-// child's only thread, which gives them back.
+// that threads of the parent had under way are forgotten with their waiters.
+// The stripes' mutexes were taken by the forking thread, the child's only
+// thread: they start free.
 void tableChildAfterFork() noexcept {
   for (FileLink *&b : table) b = nullptr;
   __atomic_store_n(&generation, generation + 1, __ATOMIC_RELEASE);
   for (std::size_t i = kStripes; i-- > 0;) {
     Stripe &s = stripes[i];
     for (Stripe::Turn &t : s.turns) t.used = false;
-    pthread_cond_init(&s.turnEnded, nullptr);
-    pthread_mutex_unlock(&s.mutex);
+    s.turnWaiters = 0;
+    s.mutex.reset();
   }
 }
 
