@@ -141,9 +141,21 @@ QMStatus convert(Enc from, Enc to, Cursor &c) {
   const bool asciiAsIs = from == Enc::Ucs4 && (to == Enc::Utf8 || to == Enc::Latin1);
   while (c.inLeft > 0) {
     if (asciiAsIs) {
-      // The run of ASCII characters from here, copied in one pass.
+      // The run of ASCII characters from here, copied in one pass. Whole
+      // blocks of 8 are tested with one OR of their units (which the compiler
+      // does several units at a time), the rest one by one.
+      const size_t units = c.inLeft / 4;
       size_t run = 0;
-      for (const size_t units = c.inLeft / 4; run < units; ++run) {
+      for (; run + 8 <= units; run += 8) {
+        uint32_t any = 0;
+        for (size_t k = 0; k < 8; ++k) {
+          uint32_t unit;
+          std::memcpy(&unit, c.in + 4 * (run + k), 4);
+          any |= unit;
+        }
+        if (any >= 0x80) break;
+      }
+      for (; run < units; ++run) {
         uint32_t unit;
         std::memcpy(&unit, c.in + 4 * run, 4);
         if (unit >= 0x80) break;
