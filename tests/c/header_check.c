@@ -38,6 +38,24 @@ _Static_assert(sizeof(QMStatus) == 4, "32-bit status");
 _Static_assert(offsetof(QMVersionRecord, product) == 8, "version record: texts after the header");
 _Static_assert(sizeof(((QMVersionRecord *)0)->compiler) == 64, "version record: compiler text");
 
+/* Values callers store and compare: a few status codes from each range, the
+   aliases, the lock-type bits and the option values. */
+_Static_assert((QMStatus)QMELM_E_CREATE_FAILED == (QMStatus)0x803fc002u && (QMStatus)QMELM_W_OPTION_NOT_SET == (QMStatus)0x803fc004u,
+               "frame status codes");
+_Static_assert((QMStatus)QMELM_E_NO_MEMORY == (QMStatus)0x80ffe001u && (QMStatus)QMELM_E_INT_SHARE_CONFLICT == (QMStatus)0x80ffe016u &&
+                   (QMStatus)QMELM_E_DEAD_NODE == (QMStatus)0x80ffe031u && (QMStatus)QMELM_M_IOINFO_HEADER == (QMStatus)0x80ffe039u,
+               "lock manager status codes");
+_Static_assert(QMELM_M_RESOURCE_END == QMELM_M_TRAILER && QMELM_M_INT_SHARE_CONFLICT == QMELM_M_PATH &&
+                   QMELM_E_NOMEM == QMELM_E_NO_MEMORY,
+               "aliases");
+_Static_assert(QMELM_INT_EXCLUSIVE == 0x001 && QMELM_INT_NONEXCLUSIVE == 0x002 &&
+                   QMELM_EXT_EXCLUSIVE == 0x004 && QMELM_EXT_NONEXCLUSIVE == 0x008 &&
+                   QMELM_NOINTERNAL_LOCK == 0x010 && QMELM_NOEXTERNAL_LOCK == 0x020 &&
+                   QMELM_SHARED == 0x040 && QMELM_OPT_NONE == 0x080 && QMELM_OPT_FAIL == 0x100 &&
+                   QMELM_OPT_CONTINUE == 0x200,
+               "lock-type bits");
+_Static_assert(QMELM_Fail == 0 && QMELM_Unknown == 4, "option values");
+
 /* A C caller can name every entry. */
 int qmtest_c_header_check(void) {
   QMELMFunctions f = {0};
