@@ -118,7 +118,8 @@ struct Row {
   // the baseline bare's gain at bareThreads over 1 thread, the ratio the
   // first over the second: how much of what the machine gives bench keeps.
   bool gainOfGains = false;
-  std::string counter;  // non-empty: the value is this counter, not a time
+  std::string counter;      // non-empty: the value is this counter, not a time
+  std::string bareCounter;  // non-empty: the baseline is this counter of bare
   std::string unit = "ns";
 };
 
@@ -134,6 +135,16 @@ inline Row versusRow(std::string label, std::string bench, int64_t threads, std:
   r.clock = clock;
   r.goal = goal;
   r.target = target;
+  return r;
+}
+
+// A row whose figure and baseline are two counters of one benchmark that
+// measured both side by side (see the interleaved benchmarks).
+inline Row countersRow(std::string label, const std::string &bench, std::string counter,
+                       std::string bareCounter, Goal goal, double target) {
+  Row r = versusRow(std::move(label), bench, 1, bench, 1, Clock::Cpu, goal, target);
+  r.counter = std::move(counter);
+  r.bareCounter = std::move(bareCounter);
   return r;
 }
 
@@ -275,7 +286,11 @@ inline void printSummary(const Recorder &rec, const std::vector<Row> &rows,
       continue;
     }
     const double v = readValue(row, *f, row.clock);
-    const double bv = b != nullptr ? readValue(row, *b, row.clock) : 0.0;
+    double bv = b != nullptr ? readValue(row, *b, row.clock) : 0.0;
+    if (b != nullptr && !row.bareCounter.empty()) {
+      auto it = b->counters.find(row.bareCounter);
+      bv = it == b->counters.end() ? -1.0 : it->second;
+    }
     const char *form = row.counter.empty() ? "%.1f" : "%.4g";
     std::string value = fmt(form, v) + (row.counter.empty() ? "" : " " + row.unit);
     std::string bare = b != nullptr ? fmt(form, bv) : "-";
