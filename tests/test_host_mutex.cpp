@@ -2,7 +2,7 @@
 // shared holds, waiting and trying, some holding long enough that the others
 // fall asleep on it, with the exclusion checked inside every hold; and a
 // thread holding more mutexes shared at once than it keeps without
-// allocating.
+// allocating; and a pool whose blocks other threads free.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -82,6 +82,47 @@ TEST(HostMutex, ExclusionHoldsWhileTakersSleepAndWake) {
     }).join();
   }
   EXPECT_EQ(0u, host.stats().mutexes);
+}
+
+}  // namespace
+
+namespace {
+
+// A pool's blocks are recorded in the lane of the thread that allocated them
+// and freed from any thread: each thread frees the blocks of the next one,
+// every block once (a second free is refused), and the pool counts nothing
+// twice and loses nothing.
+TEST(HostPool, BlocksFreedByOtherThreadsAreFoundOnceInEveryLane) {
+  qmtest::HostOptions o;
+  o.loadExtension = false;
+  qmtest::TestHost host(o);
+  QMHndlp h = host.hndl;
+  QMPoolh pool = h->poolCreate(h, nullptr, nullptr, "lanes");
+  ASSERT_NE(nullptr, pool);
+  constexpr int kThreads = 6, kBlocks = 400;
+  std::vector<std::vector<void *>> made(kThreads);
+  std::vector<std::thread> ts;
+  for (int t = 0; t < kThreads; ++t)
+    ts.emplace_back([&, t] {
+      for (int i = 0; i < kBlocks; ++i) made[t].push_back(pool->memAlloc(pool, 8 + i % 64, 0));
+    });
+  for (auto &t : ts) t.join();
+  ts.clear();
+  EXPECT_EQ(size_t{kThreads * kBlocks}, qmhost_pool_live_blocks(pool));
+  std::atomic<int> refused{0}, wrong{0};
+  for (int t = 0; t < kThreads; ++t)
+    ts.emplace_back([&, t] {
+      for (void *b : made[(t + 1) % kThreads]) {
+        if (pool->memFree(pool, b) != 0) ++wrong;
+        if (pool->memFree(pool, b) == QM_E_BAD_FREE) ++refused;
+      }
+    });
+  for (auto &t : ts) t.join();
+  EXPECT_EQ(0, wrong.load());
+  EXPECT_EQ(kThreads * kBlocks, refused.load());
+  EXPECT_EQ(0u, qmhost_pool_live_blocks(pool));
+  EXPECT_EQ(0u, qmhost_pool_live_bytes(pool));
+  EXPECT_EQ(0, pool->generic.destroy(pool));
 }
 
 }  // namespace

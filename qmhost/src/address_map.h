@@ -49,12 +49,24 @@ class ShardLock {
   std::atomic<bool> busy_{false};
 };
 
-// Fibonacci hashing: the top `bits` bits of x times 2^64 divided by the
-// golden ratio. Every bit of x reaches the top bits of the product, so
-// numbers that differ only in a few low bits (the addresses of neighbouring
-// blocks, the 64 MiB regions of neighbouring heaps) spread over the whole
-// range; a multiply and a shift, where a full mix of every bit cost five
-// steps on each allocation and each free.
+// A full mix: every bit of the result depends on every bit of x. Used to
+// pick a shard by region: the regions of two threads' heaps must fall into
+// different shards, and a multiplicative hash of region numbers put the
+// heaps of two benchmark threads into one shard, halving their throughput.
+inline uint64_t mixBits(uint64_t x) noexcept {
+  x ^= x >> 33;
+  x *= 0xff51afd7ed558ccdull;
+  x ^= x >> 33;
+  x *= 0xc4ceb9fe1a85ec53ull;
+  x ^= x >> 33;
+  return x;
+}
+
+// Fibonacci hashing, for a map's slots: the top `bits` bits of x times 2^64
+// divided by the golden ratio. Every bit of x reaches the top bits of the
+// product, so addresses that differ only in a few low bits (neighbouring
+// blocks) spread over the whole map; a multiply and a shift on each
+// allocation and each free, where a full mix takes five steps.
 inline size_t fibonacciHash(uint64_t x, unsigned bits) noexcept {
   return static_cast<size_t>((x * 0x9E3779B97F4A7C15ull) >> (64 - bits));
 }
@@ -68,7 +80,7 @@ inline size_t fibonacciHash(uint64_t x, unsigned bits) noexcept {
 // slower together than one alone.
 inline size_t addressShard(const void *p, size_t n) noexcept {
   const uint64_t region = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p)) >> 26;
-  return n <= 1 ? 0 : fibonacciHash(region, static_cast<unsigned>(__builtin_ctzll(n)));
+  return n <= 1 ? 0 : static_cast<size_t>(mixBits(region) >> (64 - __builtin_ctzll(n)));
 }
 
 template <class V>

@@ -106,10 +106,16 @@ class FailPoints {
 #ifdef QMHOST_ONE_SHARD
 inline constexpr size_t kRegistryShards = 1;
 inline constexpr size_t kPoolShards = 1;
+inline constexpr size_t kPoolLanes = 1;
 #else
 inline constexpr size_t kRegistryShards = 64;
 inline constexpr size_t kPoolShards = 64;
+inline constexpr size_t kPoolLanes = 4;
 #endif
+
+// The calling thread's lane (of kPoolLanes), given out in turn to threads
+// as they first allocate or create an object.
+size_t poolLane() noexcept;
 
 // ---- registries ----------------------------------------------------------
 
@@ -122,15 +128,18 @@ class Registry {
   // Takes ownership; null (and the object destroyed) when the map cannot grow.
   T *add(std::unique_ptr<T> obj) noexcept {
     T *raw = obj.get();
-    Shard &sh = shardOf(raw);
+    Shard &sh = shardOf(raw, poolLane());
     std::lock_guard<ShardLock> g(sh.m);
     return sh.live.insert(raw, std::move(obj)) ? raw : nullptr;
   }
   std::unique_ptr<T> take(const void *obj) noexcept {
-    Shard &sh = shardOf(obj);
     std::unique_ptr<T> owned;
-    std::lock_guard<ShardLock> g(sh.m);
-    (void)sh.live.take(obj, &owned);
+    const size_t mine = poolLane();
+    for (size_t i = 0; i < kLanes && !owned; ++i) {
+      Shard &sh = shardOf(obj, (mine + i) % kLanes);
+      std::lock_guard<ShardLock> g(sh.m);
+      (void)sh.live.take(obj, &owned);
+    }
     return owned;
   }
   size_t size() const noexcept {
@@ -174,24 +183,31 @@ class Registry {
   }
 
  private:
-  // Objects are spread over shards by address, so threads that create and
+  // Objects are spread over shards by address and by the creating thread's
+  // lane, as a pool's blocks are (see PoolShard), so threads that create and
   // destroy different objects rarely meet on one mutex.
   struct alignas(64) Shard {
     mutable ShardLock m;
     AddressMap<std::unique_ptr<T>> live;  // guarded by m
   };
   static constexpr size_t kShards = kRegistryShards;
-  Shard &shardOf(const void *obj) { return shards_[addressShard(obj, kShards)]; }
-  std::array<Shard, kShards> shards_;
+  static constexpr size_t kLanes = kPoolLanes;
+  Shard &shardOf(const void *obj, size_t lane) {
+    return shards_[addressShard(obj, kShards) * kLanes + lane];
+  }
+  std::array<Shard, kShards * kLanes> shards_;
 };
 
 // ---- pools -------------------------------------------------------------------
 
 // Mutex rules: m guards blocks and bytes; host counters are atomics updated
 // after m is released. host and name never change.
-// One slice of a pool's live blocks. A block always lives in the shard its
-// address selects, so threads that allocate different blocks rarely meet on
-// the same mutex.
+// One slice of a pool's live blocks. A block lives in one of the kLanes
+// shards of the region its address lies in (see addressShard): the lane of
+// the thread that allocated it. Threads whose blocks lie in different
+// regions (malloc's arenas) rarely meet on one mutex; threads that malloc
+// serves from one arena still use different lanes. A free looks in the
+// caller's lane first, where the blocks a thread allocated itself are.
 struct alignas(64) PoolShard {
   mutable ShardLock m;        // guards blocks and bytes
   AddressMap<size_t> blocks;  // live block -> requested size
@@ -200,14 +216,18 @@ struct alignas(64) PoolShard {
 
 struct Pool {
   static constexpr size_t kShards = kPoolShards;
+  static constexpr size_t kLanes = kPoolLanes;
   QMPool pub;        // the table callers see
   Host *host;        // the host that made it
   std::string name;  // pub.generic.name points here
-  std::array<PoolShard, kShards> shards;
+  std::array<PoolShard, kShards * kLanes> shards;
 
   Pool(Host *h, const char *poolName);
   ~Pool();  // frees every live block
-  PoolShard &shardOf(const void *block);
+  // The shard of the block's region in the given lane.
+  PoolShard &shardOf(const void *block, size_t lane) {
+    return shards[addressShard(block, kShards) * kLanes + lane];
+  }
 };
 
 QMPoolh poolCreate(QMHndlp h, const QMPoolCreateParms *parms, QMJnlh jnl,

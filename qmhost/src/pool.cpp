@@ -6,6 +6,8 @@
  * zero-filled are filled with kFillByte, so code that relies on zeroed memory
  * without asking for it is caught.
  */
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -36,7 +38,7 @@ void *poolAlloc(QMPoolh ph, QMMemSize size, uint32_t flags) noexcept {
     return nullptr;
   }
   std::memset(block, (flags & QM_POOL_ZERO_FILL) != 0 ? 0 : kFillByte, size);
-  PoolShard &shard = pool->shardOf(block);
+  PoolShard &shard = pool->shardOf(block, poolLane());
   {
     std::lock_guard<ShardLock> g(shard.m);
     if (shard.blocks.insert(block, size)) {
@@ -56,10 +58,13 @@ QMStatus poolFree(QMPoolh ph, void *block) noexcept {
   size_t size = 0;
   bool known = false;
   if (block != nullptr) {
-    PoolShard &shard = pool->shardOf(block);
-    std::lock_guard<ShardLock> g(shard.m);
-    known = shard.blocks.take(block, &size);
-    if (known) shard.bytes -= size;
+    const size_t mine = poolLane();
+    for (size_t i = 0; i < Pool::kLanes && !known; ++i) {
+      PoolShard &shard = pool->shardOf(block, (mine + i) % Pool::kLanes);
+      std::lock_guard<ShardLock> g(shard.m);
+      known = shard.blocks.take(block, &size);
+      if (known) shard.bytes -= size;
+    }
   }
   if (!known) {
     host->badFrees.fetch_add(1, std::memory_order_relaxed);
@@ -91,8 +96,11 @@ Pool::~Pool() {
     shard.blocks.forEach([](const void *block, size_t) { std::free(const_cast<void *>(block)); });
 }
 
-PoolShard &Pool::shardOf(const void *block) {
-  return shards[addressShard(block, kShards)];
+size_t poolLane() noexcept {
+  static std::atomic<size_t> next{0};
+  thread_local __attribute__((tls_model("initial-exec"))) size_t lane = SIZE_MAX;
+  if (lane == SIZE_MAX) lane = next.fetch_add(1, std::memory_order_relaxed) % Pool::kLanes;
+  return lane;
 }
 
 QMPoolh poolCreate(QMHndlp h, const QMPoolCreateParms * /*parms: nothing to choose*/,
