@@ -58,9 +58,10 @@ QMStatus poolFree(QMPoolh ph, void *block) noexcept {
   size_t size = 0;
   bool known = false;
   if (block != nullptr) {
+    PoolShard *lanes = &pool->shards[addressShard(block, Pool::kShards) * Pool::kLanes];
     const size_t mine = poolLane();
     for (size_t i = 0; i < Pool::kLanes && !known; ++i) {
-      PoolShard &shard = pool->shardOf(block, (mine + i) % Pool::kLanes);
+      PoolShard &shard = lanes[(mine + i) % Pool::kLanes];
       std::lock_guard<ShardLock> g(shard.m);
       known = shard.blocks.take(block, &size);
       if (known) shard.bytes -= size;
