@@ -15,10 +15,14 @@
 
 namespace {
 
-TEST(HostMutex, ExclusionHoldsWhileTakersSleepAndWake) {
+qmtest::HostOptions hostOnly() {
   qmtest::HostOptions o;
   o.loadExtension = false;
-  qmtest::TestHost host(o);
+  return o;
+}
+
+TEST(HostMutex, ExclusionHoldsWhileTakersSleepAndWake) {
+  qmtest::TestHost host(hostOnly());
   QMHndlp h = host.hndl;
   QMLockh m = h->lockCreate(h, nullptr, nullptr, "stress");
   ASSERT_NE(nullptr, m);
@@ -84,18 +88,12 @@ TEST(HostMutex, ExclusionHoldsWhileTakersSleepAndWake) {
   EXPECT_EQ(0u, host.stats().mutexes);
 }
 
-}  // namespace
-
-namespace {
-
 // A pool's blocks are recorded in the lane of the thread that allocated them
 // and freed from any thread: each thread frees the blocks of the next one,
 // every block once (a second free is refused), and the pool counts nothing
 // twice and loses nothing.
 TEST(HostPool, BlocksFreedByOtherThreadsAreFoundOnceInEveryLane) {
-  qmtest::HostOptions o;
-  o.loadExtension = false;
-  qmtest::TestHost host(o);
+  qmtest::TestHost host(hostOnly());
   QMHndlp h = host.hndl;
   QMPoolh pool = h->poolCreate(h, nullptr, nullptr, "lanes");
   ASSERT_NE(nullptr, pool);

@@ -40,13 +40,16 @@ _Static_assert(sizeof(((QMVersionRecord *)0)->compiler) == 64, "version record: 
 
 /* Values callers store and compare: a few status codes from each range, the
    aliases, the lock-type bits and the option values. */
-_Static_assert((QMStatus)QMELM_E_CREATE_FAILED == (QMStatus)0x803fc002u && (QMStatus)QMELM_W_OPTION_NOT_SET == (QMStatus)0x803fc004u,
+_Static_assert((QMStatus)QMELM_E_CREATE_FAILED == (QMStatus)0x803fc002u &&
+                   (QMStatus)QMELM_W_OPTION_NOT_SET == (QMStatus)0x803fc004u,
                "frame status codes");
-_Static_assert((QMStatus)QMELM_E_NO_MEMORY == (QMStatus)0x80ffe001u && (QMStatus)QMELM_E_INT_SHARE_CONFLICT == (QMStatus)0x80ffe016u &&
-                   (QMStatus)QMELM_E_DEAD_NODE == (QMStatus)0x80ffe031u && (QMStatus)QMELM_M_IOINFO_HEADER == (QMStatus)0x80ffe039u,
+_Static_assert((QMStatus)QMELM_E_NO_MEMORY == (QMStatus)0x80ffe001u &&
+                   (QMStatus)QMELM_E_INT_SHARE_CONFLICT == (QMStatus)0x80ffe016u &&
+                   (QMStatus)QMELM_E_DEAD_NODE == (QMStatus)0x80ffe031u &&
+                   (QMStatus)QMELM_M_IOINFO_HEADER == (QMStatus)0x80ffe039u,
                "lock manager status codes");
-_Static_assert(QMELM_M_RESOURCE_END == QMELM_M_TRAILER && QMELM_M_INT_SHARE_CONFLICT == QMELM_M_PATH &&
-                   QMELM_E_NOMEM == QMELM_E_NO_MEMORY,
+_Static_assert(QMELM_M_RESOURCE_END == QMELM_M_TRAILER &&
+                   QMELM_M_INT_SHARE_CONFLICT == QMELM_M_PATH && QMELM_E_NOMEM == QMELM_E_NO_MEMORY,
                "aliases");
 _Static_assert(QMELM_INT_EXCLUSIVE == 0x001 && QMELM_INT_NONEXCLUSIVE == 0x002 &&
                    QMELM_EXT_EXCLUSIVE == 0x004 && QMELM_EXT_NONEXCLUSIVE == 0x008 &&
