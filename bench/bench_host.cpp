@@ -137,26 +137,15 @@ int main(int argc, char **argv) {
 
   using benchmark::kNanosecond;
   for (const char *name : {"host/get_options", "bare/malloc_copy"})
-    benchmark::RegisterBenchmark(name, name[0] == 'h' ? benchGetOptions : benchBareCopy)
-        ->Unit(benchmark::kMicrosecond)
-        ->UseRealTime()
-        ->Threads(1)
-        ->Threads(2);
-  benchmark::RegisterBenchmark("host/pool_pair", benchPoolPair, false)
-      ->Unit(kNanosecond)
-      ->UseRealTime()
-      ->Threads(1)
-      ->Threads(2);
-  benchmark::RegisterBenchmark("host/pool_pair_armed", benchPoolPair, true)
-      ->Unit(kNanosecond)
-      ->UseRealTime()
-      ->Threads(1)
-      ->Threads(2);
-  benchmark::RegisterBenchmark("bare/malloc_pair", benchBarePair)
-      ->Unit(kNanosecond)
-      ->UseRealTime()
-      ->Threads(1)
-      ->Threads(2);
+    qmbench::onOneAndTwoThreads(
+        benchmark::RegisterBenchmark(name, name[0] == 'h' ? benchGetOptions : benchBareCopy),
+        benchmark::kMicrosecond);
+  qmbench::onOneAndTwoThreads(benchmark::RegisterBenchmark("host/pool_pair", benchPoolPair, false),
+                              kNanosecond);
+  qmbench::onOneAndTwoThreads(
+      benchmark::RegisterBenchmark("host/pool_pair_armed", benchPoolPair, true), kNanosecond);
+  qmbench::onOneAndTwoThreads(benchmark::RegisterBenchmark("bare/malloc_pair", benchBarePair),
+                              kNanosecond);
 
   using qmbench::Clock;
   using qmbench::Goal;

@@ -543,18 +543,12 @@ int main(int argc, char **argv) {
   const std::string first105 = "lock/first_holder/" + hexType(kExclusiveFail);
   const std::string join4a = "lock/joiner/" + hexType(kJoiner);
   const std::string join14a = "lock/joiner/" + hexType(kJoinerFail);
-  benchmark::RegisterBenchmark(first5.c_str(), benchFirstHolder, kExclusive)
-      ->Unit(kNanosecond)
-      ->UseRealTime()
-      ->Threads(1)
-      ->Threads(2);
+  qmbench::onOneAndTwoThreads(
+      benchmark::RegisterBenchmark(first5.c_str(), benchFirstHolder, kExclusive), kNanosecond);
   benchmark::RegisterBenchmark(first105.c_str(), benchFirstHolder, kExclusiveFail)
       ->Unit(kNanosecond);
-  benchmark::RegisterBenchmark("bare/first_holder_calls", benchBareFirstHolder)
-      ->Unit(kNanosecond)
-      ->UseRealTime()
-      ->Threads(1)
-      ->Threads(2);
+  qmbench::onOneAndTwoThreads(
+      benchmark::RegisterBenchmark("bare/first_holder_calls", benchBareFirstHolder), kNanosecond);
   const std::string firstSideBySide = "lock/first_holder_beside_bare/" + hexType(kExclusive);
   benchmark::RegisterBenchmark(firstSideBySide.c_str(), benchFirstHolderInterleaved, kExclusive)
       ->Unit(kNanosecond);
@@ -565,11 +559,8 @@ int main(int argc, char **argv) {
   benchmark::RegisterBenchmark(join4a.c_str(), benchJoiner, kJoiner)->Unit(kNanosecond);
   benchmark::RegisterBenchmark(join14a.c_str(), benchJoiner, kJoinerFail)->Unit(kNanosecond);
   benchmark::RegisterBenchmark("bare/stat_open_close", benchBareStatOpenClose)->Unit(kNanosecond);
-  benchmark::RegisterBenchmark("io/update", benchUpdateIOInfo)
-      ->Unit(kNanosecond)
-      ->UseRealTime()
-      ->Threads(1)
-      ->Threads(2);
+  qmbench::onOneAndTwoThreads(benchmark::RegisterBenchmark("io/update", benchUpdateIOInfo),
+                              kNanosecond);
   benchmark::RegisterBenchmark("pool/bytes_per_file", benchPoolBytes)->Iterations(1);
   benchmark::RegisterBenchmark("lock/change_0x008_0x004_and_back", benchChange)->Unit(kNanosecond);
   benchmark::RegisterBenchmark("bare/setlk_fstat_stat_twice", benchBareChange)->Unit(kNanosecond);

@@ -113,12 +113,10 @@ int main(int argc, char **argv) {
 
   const std::string first = "netfs/first_holder/0x005", bare = "netfs/bare/first_holder_calls";
   for (const std::string *name : {&first, &bare}) {
-    benchmark::RegisterBenchmark(name->c_str(),
-                                 name == &first ? benchFirstHolder : benchBareFirstHolder)
-        ->Unit(benchmark::kMicrosecond)
-        ->UseRealTime()
-        ->Threads(1)
-        ->Threads(2);
+    qmbench::onOneAndTwoThreads(
+        benchmark::RegisterBenchmark(name->c_str(),
+                                     name == &first ? benchFirstHolder : benchBareFirstHolder),
+        benchmark::kMicrosecond);
   }
 
   using qmbench::Clock;

@@ -123,6 +123,13 @@ struct Row {
   std::string unit = "ns";
 };
 
+// Times b on the wall clock, once on 1 thread and once on 2: the runs a
+// 2-thread throughput gain is read from.
+inline benchmark::internal::Benchmark *onOneAndTwoThreads(benchmark::internal::Benchmark *b,
+                                                          benchmark::TimeUnit unit) {
+  return b->Unit(unit)->UseRealTime()->Threads(1)->Threads(2);
+}
+
 // A summary row: bench (at threads) against bare (at bareThreads).
 inline Row versusRow(std::string label, std::string bench, int64_t threads, std::string bare,
                      int64_t bareThreads, Clock clock, Goal goal, double target) {
